@@ -1,0 +1,103 @@
+#include <kest/platform/log.h>
+
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+constexpr int kDefaultThreshold = 6;
+constexpr size_t kLineCapacity = 2048;
+
+struct Settings {
+    bool toSyslog = false;
+    int threshold = kDefaultThreshold;
+};
+
+Settings readSettings() {
+    Settings settings;
+    const char* target = std::getenv("KEST_LOG");
+    settings.toSyslog = target != nullptr && std::strcmp(target, "syslog") == 0;
+    const char* level = std::getenv("KEST_LOG_LEVEL");
+    if (level != nullptr && level[0] >= '0' && level[0] <= '7' && level[1] == '\0') {
+        settings.threshold = level[0] - '0';
+    }
+    return settings;
+}
+
+const char* levelName(int level) {
+    static const char* const kNames[] = {"emerg",   "alert",  "crit", "error",
+                                         "warning", "notice", "info", "debug"};
+    return level >= 0 && level <= 7 ? kNames[level] : "?";
+}
+
+// The part of a buffer that is still free. Text that does not fit is cut, never overrun.
+struct Line {
+    char text[kLineCapacity];
+    size_t length = 0;
+
+    __attribute__((format(printf, 2, 0))) void append(const char* format, va_list args) {
+        const size_t room = sizeof(text) - length;
+        const int wanted = vsnprintf(text + length, room, format, args);
+        if (wanted < 0) return;
+        const auto added = static_cast<size_t>(wanted);
+        length += added < room ? added : room - 1;
+    }
+
+    __attribute__((format(printf, 2, 3))) void append(const char* format, ...) {
+        va_list args;
+        va_start(args, format);
+        append(format, args);
+        va_end(args);
+    }
+};
+
+// One write for the whole line: lines of several threads and processes do not mix.
+void writeToStandardError(Line& line) {
+    if (line.length == sizeof(line.text) - 1) --line.length;
+    line.text[line.length++] = '\n';
+    const char* at = line.text;
+    size_t left = line.length;
+    while (left > 0) {
+        const ssize_t written = ::write(STDERR_FILENO, at, left);
+        if (written < 0 && errno == EINTR) continue;
+        if (written <= 0) return;
+        at += written;
+        left -= static_cast<size_t>(written);
+    }
+}
+
+}  // namespace
+
+extern "C" void logInternal(const char* module, const char* sourceFile, const char* function,
+                            int lineNumber, int level, int errnoValue, int /*reserved*/,
+                            const char* format, ...) {
+    static const Settings settings = readSettings();
+    if (level > settings.threshold) return;
+
+    const int savedErrno = errno;
+    Line line;
+    if (!settings.toSyslog) line.append("%s: ", levelName(level));
+    line.append("%s %s:%d %s(): ", module, sourceFile, lineNumber, function);
+    va_list args;
+    va_start(args, format);
+    line.append(format, args);
+    va_end(args);
+    if (errnoValue != 0) line.append(": %s (errno %d)", strerror(errnoValue), errnoValue);
+
+    if (settings.toSyslog) {
+        ::syslog(level, "%s", line.text);
+    } else {
+        writeToStandardError(line);
+    }
+    errno = savedErrno;
+}
+
+extern "C" void forceCrash() {
+    std::abort();
+}

@@ -1,0 +1,42 @@
+// The library's one way to log: fills in module, source name, function and line.
+#pragma once
+
+#include <cerrno>
+
+#include <kest/platform/log.h>
+
+namespace kest::utils::detail {
+
+// "src/scheduler.cpp" -> "scheduler", at compile time, into a buffer that outlives every call.
+struct SourceName {
+    char text[32] = {};
+
+    constexpr explicit SourceName(const char* path) {
+        const char* base = path;
+        for (const char* p = path; *p != '\0'; ++p) {
+            if (*p == '/') base = p + 1;
+        }
+        for (unsigned i = 0; i + 1 < sizeof(text) && base[i] != '\0' && base[i] != '.'; ++i) {
+            text[i] = base[i];
+        }
+    }
+};
+
+}  // namespace kest::utils::detail
+
+// Syslog levels as the library uses them.
+#define KEST_ERROR 3
+#define KEST_WARNING 4
+#define KEST_INFO 6
+#define KEST_DEBUG 7
+
+// For the rare line whose function name is not the one of the function it stands in.
+#define KEST_LOG_AS(functionName, level, errnoValue, ...)                                         \
+    do {                                                                                          \
+        static constexpr ::kest::utils::detail::SourceName kSourceName(__FILE__);                 \
+        logInternal("kest_utils", kSourceName.text, functionName, __LINE__, level, errnoValue, 0, \
+                    __VA_ARGS__);                                                                 \
+    } while (false)
+
+// KEST_LOG(KEST_ERROR, errno, "Unable to open %s", path)
+#define KEST_LOG(level, errnoValue, ...) KEST_LOG_AS(__func__, level, errnoValue, __VA_ARGS__)

@@ -1,0 +1,70 @@
+#include "support/log_capture.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <mutex>
+
+#include <kest/platform/log.h>
+
+namespace kest::test {
+namespace {
+
+std::mutex& mutex() {
+    static std::mutex instance;
+    return instance;
+}
+
+std::vector<LogLine>& lines() {
+    static std::vector<LogLine> instance;
+    return instance;
+}
+
+std::string formatted(const char* format, va_list args) {
+    va_list copy;
+    va_copy(copy, args);
+    const int length = vsnprintf(nullptr, 0, format, copy);
+    va_end(copy);
+    if (length < 0) return "(bad format)";
+    std::string text(static_cast<size_t>(length) + 1, '\0');
+    vsnprintf(text.data(), text.size(), format, args);
+    text.pop_back();
+    return text;
+}
+
+}  // namespace
+
+std::vector<LogLine> logLines() {
+    std::lock_guard<std::mutex> guard(mutex());
+    return lines();
+}
+
+std::vector<std::string> logTexts() {
+    std::vector<std::string> texts;
+    for (const LogLine& line : logLines())
+        texts.push_back(line.text);
+    return texts;
+}
+
+void clearLog() {
+    std::lock_guard<std::mutex> guard(mutex());
+    lines().clear();
+}
+
+}  // namespace kest::test
+
+extern "C" void logInternal(const char* module, const char* sourceFile, const char* function,
+                            int /*line*/, int level, int errnoValue, int /*reserved*/,
+                            const char* format, ...) {
+    const int savedErrno = errno;
+    va_list args;
+    va_start(args, format);
+    kest::test::LogLine entry{module, sourceFile, function,
+                              level,  errnoValue, kest::test::formatted(format, args)};
+    va_end(args);
+    {
+        std::lock_guard<std::mutex> guard(kest::test::mutex());
+        kest::test::lines().push_back(std::move(entry));
+    }
+    errno = savedErrno;
+}
