@@ -1,0 +1,85 @@
+/// @file
+/// Formatting, trimming, joining, splitting, quoting and converting of text. All functions work on
+/// bytes, keep no state and may be called from any thread.
+#pragma once
+
+#include <sys/time.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include <kest/utils/api.h>
+
+namespace kest::utils {
+
+/// printf into a string of any length.
+///
+/// A format that the C library refuses, or memory that has run out, is a defect of the caller: logs
+/// "Invalid state" and calls `forceCrash()`. Should that return, the result is empty.
+KEST_API std::string format(const char* fmt, ...) KEST_PRINTF(1, 2);
+
+/// Removes white space from the front of `s`: blank, tab, line feed and carriage return, nothing
+/// else. @return `s`.
+KEST_API std::string& lTrim(std::string& s);
+
+/// Removes the same white space from the end of `s`. @return `s`.
+KEST_API std::string& rTrim(std::string& s);
+
+/// lTrim() and rTrim(). @return `s`.
+KEST_API std::string& trim(std::string& s);
+
+/// `s` with each byte mapped through the C library's `tolower` (`lower` set) or `toupper`.
+KEST_API std::string changeCase(std::string s, bool lower);
+KEST_API std::string upperCase(std::string s);
+KEST_API std::string lowerCase(std::string s);
+
+/// Replaces `out` by the parts with `sep` between them; empty for no parts. `out` may be `sep` or
+/// one of the parts.
+KEST_API void join(std::string& out, const std::string& sep, const std::vector<std::string>& parts);
+
+/// The same for up to `count` further arguments, each a `const char*`; a null one ends the list.
+KEST_API void join(std::string& out, const std::string& sep, int count, ...);
+
+/// The first IPv4 address of a host as dotted text; empty when it has none or is unknown. Blocks
+/// for as long as the resolver takes; does not log.
+KEST_API std::string getHostByName(const std::string& host);
+
+/// An empty prefix or suffix matches every string.
+KEST_API bool startsWith(const std::string& s, const std::string& prefix);
+KEST_API bool endsWith(const std::string& s, const std::string& suffix);
+
+/// Replaces each occurrence of `from` in `s`, found from left to right without overlap; what `to`
+/// brings in is not searched again. An empty `from` changes nothing.
+KEST_API void replaceAll(std::string& s, const std::string& from, const std::string& to);
+
+/// `arg` in single quotes, so that a POSIX shell takes it as one word that is exactly `arg`. The
+/// string form ends at the first NUL, which no argument of a program can hold; null counts as
+/// empty.
+KEST_API std::string escapeShellArg(const char* arg);
+KEST_API std::string escapeShellArg(const std::string& arg);
+
+/// Converts with the C library's iconv from "UTF-8" to "UTF-32".
+///
+/// The units are what the platform's converter writes for that name, a leading byte-order mark
+/// included if it writes one.
+/// @param out  the units on success; of unspecified content on failure.
+/// @return false, with one log line, when the input is not valid UTF-8 or ends within a character.
+KEST_API bool utf8_to_utf32(const std::string& in, std::vector<uint32_t>& out);
+
+/// Cuts `s` at every byte that occurs in `delimiters` and appends the tokens to `out`, which is not
+/// cleared. The text behind the last delimiter is a token too, so an empty `s` gives one empty
+/// token.
+/// @param skipEmpty  leaves empty tokens out.
+KEST_API void tokenize(const std::string& s, std::vector<std::string>& out,
+                       const std::string& delimiters, bool skipEmpty);
+
+/// Cuts `s` at every occurrence of the whole of `delimiter` and replaces `out` by the fields, empty
+/// ones included; there is always at least one. An empty delimiter cuts nowhere.
+KEST_API void split(const std::string& s, const std::string& delimiter,
+                    std::vector<std::string>& out);
+
+/// Fills `tv` with the wall-clock time (`gettimeofday`). @return `tv`.
+KEST_API timeval* now(timeval* tv);
+
+}  // namespace kest::utils
