@@ -1,0 +1,118 @@
+#!/usr/bin/env python3
+"""Prints Google Benchmark's JSON reports as tables of medians and ratios.
+
+Benchmarks are named "<pattern>/<contestant>/<parameters>". Each pattern gives one table, with the
+contestants as columns and the parameters as rows; the contestant "ours" comes first.
+"""
+import argparse
+import json
+import re
+import statistics
+import sys
+from pathlib import Path
+
+OURS = "ours"
+# What Google Benchmark itself appends to a name, and what tells which clock counts.
+OPTIONS = re.compile(r"/(real_time|manual_time|process_time|(iterations|repeats|min_time|threads):[^/]*)")
+UNITS = {"ns": 1.0, "us": 1e3, "ms": 1e6, "s": 1e9}
+
+
+def parse_name(name):
+    """-> (pattern, contestant, parameters)"""
+    pattern, contestant, parameters = (OPTIONS.sub("", name).split("/", 2) + ["", ""])[:3]
+    return pattern, contestant, parameters
+
+
+def nanoseconds(run):
+    """One repetition's time for an iteration: processor time unless the benchmark asks for real."""
+    real = re.search(r"/(real|manual)_time", run["name"])
+    return run["real_time" if real else "cpu_time"] * UNITS[run["time_unit"]]
+
+
+def collect(report):
+    """-> {pattern: {parameters: {contestant: [ns, ...]}}}, {(pattern, parameters, reason)}"""
+    patterns, skipped = {}, {}
+    # Random interleaving mixes the runs; the family index keeps the order of registration.
+    for run in sorted(report["benchmarks"], key=lambda run: run.get("family_index", 0)):
+        if run.get("run_type") == "aggregate":
+            continue
+        pattern, contestant, parameters = parse_name(run.get("run_name", run["name"]))
+        if run.get("error_occurred"):
+            skipped.setdefault((pattern, parameters, run["error_message"]))
+            continue
+        row = patterns.setdefault(pattern, {}).setdefault(parameters, {})
+        row.setdefault(contestant, []).append(nanoseconds(run))
+    return patterns, skipped
+
+
+def as_time(ns):
+    for unit, size in (("s", 1e9), ("ms", 1e6), ("us", 1e3)):
+        if ns >= size:
+            return f"{ns / size:.3g} {unit}" if ns < 999 * size else f"{ns / size:.0f} {unit}"
+    return f"{ns:.3g} ns"
+
+
+def spread(times):
+    """Distance between the quartiles as a part of the median."""
+    if len(times) < 3:
+        return None
+    first, middle, third = statistics.quantiles(times, n=4, method="inclusive")
+    return (third - first) / middle if middle else None
+
+
+def cell(times, ours):
+    if not times:
+        return "-"
+    median = statistics.median(times)
+    if ours is None or ours is times or not median:
+        return as_time(median)
+    return f"{as_time(median)} ({statistics.median(ours) / median:.2f})"
+
+
+def contestants_of(rows):
+    names = list(dict.fromkeys(name for row in rows.values() for name in row))
+    return sorted(names, key=lambda name: name != OURS)
+
+
+def table(pattern, rows):
+    names = contestants_of(rows)
+    lines = [[pattern, *names, "spread"]]
+    for parameters, row in rows.items():
+        widest = max((s for s in map(spread, row.values()) if s is not None), default=None)
+        noise = "-" if widest is None else f"{widest:.0%}"
+        lines.append([parameters, *(cell(row.get(n, []), row.get(OURS)) for n in names), noise])
+    widths = [max(len(line[i]) for line in lines) for i in range(len(lines[0]))]
+    lines.insert(1, ["-" * width for width in widths])
+    return "\n".join("| " + " | ".join(map(str.ljust, line, widths)) + " |" for line in lines)
+
+
+def heading(path, report):
+    context = report.get("context", {})
+    load = context.get("load_avg") or ["?"]
+    repetitions = max((run.get("repetitions", 1) for run in report["benchmarks"]), default=0)
+    return (f"## {path.stem}\n\nMedian of {repetitions} repetitions; {context.get('num_cpus', '?')} processors, "
+            f"load {load[0]:.3} at the start. In brackets: our time divided by theirs, below 1 we are "
+            "faster.\n\"spread\" is the widest interquartile range of the row.")
+
+
+def show(path):
+    report = json.loads(path.read_text())
+    patterns, skipped = collect(report)
+    parts = [heading(path, report)]
+    parts += [table(pattern, rows) for pattern, rows in patterns.items()]
+    parts += [f"Skipped: {pattern} {parameters}: {reason}" for pattern, parameters, reason in skipped]
+    print("\n\n".join(parts) + "\n")
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("report", nargs="+", type=Path, help="report written with --benchmark_out")
+    for path in parser.parse_args().report:
+        try:
+            show(path)
+        except (OSError, ValueError, KeyError) as error:
+            sys.exit(f"{path}: {error!r}")
+
+
+if __name__ == "__main__":
+    main()
