@@ -41,10 +41,11 @@ void PassReclaimer::retire(Removed removed, int epollFd) noexcept {
     if (passes_.load() == 0 && !removed.stray && !removed.epoll.valid()) return;
     {
         const std::lock_guard<std::mutex> guard(lock_);
+        if (removed.epoll.valid()) nudge(removed.epoll.get(), Nudge::kAll);
         waiting_.push_back(std::move(removed));
         pending_.store(true);
         epollFd_ = epollFd;
-        if (waiting_.size() >= kNudgeThreshold) nudge(epollFd);
+        if (waiting_.size() >= kNudgeThreshold) nudge(epollFd, Nudge::kOne);
     }
     // The last pass may have ended before it could see the new entry.
     if (passes_.load() == 0) release();
@@ -89,15 +90,17 @@ void PassReclaimer::keepStrays(std::vector<Removed>& batch) {
     }
 }
 
-// Makes the wait of a pass return: one event that names no task.
-void PassReclaimer::nudge(int epollFd) {
-    if (nudge_.valid() || epollFd < 0) return;
-    nudge_.reset(eventfd(1, EFD_CLOEXEC | EFD_NONBLOCK));
+// Makes waits of running passes return, with an event that names no task: one wait, or with an
+// epoll instance that is retired every one, present and to come.
+void PassReclaimer::nudge(int epollFd, Nudge whom) {
+    if (epollFd < 0 || (whom == Nudge::kOne && nudge_.valid())) return;
+    if (!nudge_.valid()) nudge_.reset(eventfd(1, EFD_CLOEXEC | EFD_NONBLOCK));
     epoll_event event = {};
-    event.events = EPOLLIN | EPOLLONESHOT;
+    event.events = EPOLLIN;
+    if (whom == Nudge::kOne) event.events |= EPOLLONESHOT;
     event.data.ptr = nullptr;
-    if (!nudge_.valid() || epoll_ctl(epollFd, EPOLL_CTL_ADD, nudge_.get(), &event) != 0) {
-        nudge_.reset();
+    if (epoll_ctl(epollFd, EPOLL_CTL_ADD, nudge_.get(), &event) != 0) {
+        epoll_ctl(epollFd, EPOLL_CTL_MOD, nudge_.get(), &event);
     }
 }
 

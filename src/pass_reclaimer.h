@@ -46,10 +46,12 @@ class PassReclaimer {
     void retire(Removed removed, int epollFd) noexcept;
 
   private:
+    enum class Nudge { kOne, kAll };
+
     void leave();
     void release();
     void keepStrays(std::vector<Removed>& batch);
-    void nudge(int epollFd);
+    void nudge(int epollFd, Nudge whom);
 
     std::atomic<unsigned> passes_{0};
     std::atomic<bool> pending_{false};  // waiting_ is not empty
