@@ -34,7 +34,8 @@ namespace kest::test {
 // does.
 class Isolated {
   public:
-    // An empty folder in place of the real one. /dev keeps null, zero, full, random and urandom.
+    // An empty folder in place of the real one. A private /dev, also one that a file or copy asks
+    // for, holds null, zero, full, random and urandom.
     Isolated& empty(const std::string& folder);
 
     // The folder with its content, mounts below it excepted.
