@@ -1,6 +1,6 @@
 // Runs part of a test in a child process with mount, pid, ipc and network namespaces of its own
 // (loopback up, nothing else), where chosen folders are private and stand-in programs take the
-// place of real ones. Nothing that happens inside reaches the machine.
+// place of real ones. Folders that are not named stay the machine's own.
 //
 //     TEST_F(PersistenceTest, AsksTheControlDaemon) {
 //         kest::test::Isolated()
