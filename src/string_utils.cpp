@@ -4,6 +4,7 @@
 #include <iconv.h>
 #include <netdb.h>
 #include <netinet/in.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <cctype>
@@ -12,7 +13,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <memory>
+#include <utility>
 
 #include "log.h"
 
@@ -21,28 +24,24 @@ namespace {
 
 constexpr char kWhiteSpace[] = " \t\n\r";
 
-using CText = std::unique_ptr<char, void (*)(void*)>;
-
-// vasprintf leaves the pointer undefined when it fails.
-CText formatted(const char* fmt, va_list args) {
-    char* text = nullptr;
-    if (fmt == nullptr || vasprintf(&text, fmt, args) == -1) return {nullptr, free};
-    return {text, free};
-}
-
 }  // namespace
 
 std::string format(const char* fmt, ...) {
+    char* text = nullptr;
+    int length = -1;
     va_list args;
     va_start(args, fmt);
-    const CText text = formatted(fmt, args);
+    if (fmt != nullptr) length = vasprintf(&text, fmt, args);
     va_end(args);
-    if (text == nullptr) {
+    if (length < 0) {
+        // What `text` holds now is undefined and must not be freed.
         KEST_LOG(KEST_ERROR, 0, "Invalid state");
         forceCrash();
-        return std::string();
+        return "";
     }
-    return std::string(text.get());
+    if (text == nullptr) return "";
+    const std::unique_ptr<char, void (*)(void*)> owner(text, free);
+    return std::string(text, static_cast<size_t>(length));
 }
 
 std::string& lTrim(std::string& s) {
@@ -179,13 +178,16 @@ bool utf8_to_utf32(const std::string& in, std::vector<uint32_t>& out) {
 
 void tokenize(const std::string& s, std::vector<std::string>& out, const std::string& delimiters,
               bool skipEmpty) {
+    // Collected aside: `s` may stand in `out`, which moves its strings when it grows.
+    std::vector<std::string> tokens;
     size_t start = 0;
     size_t end = 0;
     do {
         end = std::min(s.find_first_of(delimiters, start), s.size());
-        if (end > start || !skipEmpty) out.push_back(s.substr(start, end - start));
+        if (end > start || !skipEmpty) tokens.push_back(s.substr(start, end - start));
         start = end + 1;
     } while (end < s.size());
+    std::move(tokens.begin(), tokens.end(), std::back_inserter(out));
 }
 
 void split(const std::string& s, const std::string& delimiter, std::vector<std::string>& out) {
@@ -203,7 +205,7 @@ void split(const std::string& s, const std::string& delimiter, std::vector<std::
 }
 
 timeval* now(timeval* tv) {
-    gettimeofday(tv, nullptr);
+    if (tv != nullptr) gettimeofday(tv, nullptr);
     return tv;
 }
 

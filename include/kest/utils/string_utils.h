@@ -1,6 +1,7 @@
 /// @file
 /// Formatting, trimming, joining, splitting, quoting and converting of text. All functions work on
-/// bytes, keep no state and may be called from any thread.
+/// bytes, keep no state and may be called from any thread, though not from a signal handler. An
+/// output may be one of the inputs.
 #pragma once
 
 #include <sys/time.h>
@@ -15,8 +16,9 @@ namespace kest::utils {
 
 /// printf into a string of any length.
 ///
-/// A format that the C library refuses, or memory that has run out, is a defect of the caller: logs
-/// "Invalid state" and calls `forceCrash()`. Should that return, the result is empty.
+/// A format that the C library refuses (a null one, a wide character that the locale lacks, more
+/// than 2 GB of text) or memory that has run out is a defect of the caller: logs "Invalid state"
+/// and calls `forceCrash()`. Should that return, the result is empty.
 KEST_API std::string format(const char* fmt, ...) KEST_PRINTF(1, 2);
 
 /// Removes white space from the front of `s`: blank, tab, line feed and carriage return, nothing
@@ -34,11 +36,11 @@ KEST_API std::string changeCase(std::string s, bool lower);
 KEST_API std::string upperCase(std::string s);
 KEST_API std::string lowerCase(std::string s);
 
-/// Replaces `out` by the parts with `sep` between them; empty for no parts. `out` may be `sep` or
-/// one of the parts.
+/// Replaces `out` by the parts with `sep` between them; empty for no parts.
 KEST_API void join(std::string& out, const std::string& sep, const std::vector<std::string>& parts);
 
-/// The same for up to `count` further arguments, each a `const char*`; a null one ends the list.
+/// The same for up to `count` further arguments, each a `const char*`; a null one ends the list
+/// (`nullptr`: a plain 0 is an `int` here).
 KEST_API void join(std::string& out, const std::string& sep, int count, ...);
 
 /// The first IPv4 address of a host as dotted text; empty when it has none or is unknown. Blocks
@@ -53,9 +55,9 @@ KEST_API bool endsWith(const std::string& s, const std::string& suffix);
 /// brings in is not searched again. An empty `from` changes nothing.
 KEST_API void replaceAll(std::string& s, const std::string& from, const std::string& to);
 
-/// `arg` in single quotes, so that a POSIX shell takes it as one word that is exactly `arg`. The
-/// string form ends at the first NUL, which no argument of a program can hold; null counts as
-/// empty.
+/// `arg` in single quotes, so that a POSIX shell takes it as one word that is exactly `arg`
+/// (POSIX.1-2017, Shell Command Language, 2.2.2). The string form ends at the first NUL, which no
+/// argument of a program can hold; null counts as empty.
 KEST_API std::string escapeShellArg(const char* arg);
 KEST_API std::string escapeShellArg(const std::string& arg);
 
@@ -63,8 +65,9 @@ KEST_API std::string escapeShellArg(const std::string& arg);
 ///
 /// The units are what the platform's converter writes for that name, a leading byte-order mark
 /// included if it writes one.
-/// @param out  the units on success; of unspecified content on failure.
-/// @return false, with one log line, when the input is not valid UTF-8 or ends within a character.
+/// @param out  the units on success; `in.size() + 1` units without meaning on failure.
+/// @return false, with one log line that shows the input, when that is not valid UTF-8 (RFC 3629)
+///         or ends within a character, or when the platform has no such converter.
 KEST_API bool utf8_to_utf32(const std::string& in, std::vector<uint32_t>& out);
 
 /// Cuts `s` at every byte that occurs in `delimiters` and appends the tokens to `out`, which is not
@@ -79,7 +82,7 @@ KEST_API void tokenize(const std::string& s, std::vector<std::string>& out,
 KEST_API void split(const std::string& s, const std::string& delimiter,
                     std::vector<std::string>& out);
 
-/// Fills `tv` with the wall-clock time (`gettimeofday`). @return `tv`.
+/// Fills `tv` with the wall-clock time (`gettimeofday`); null is left alone. @return `tv`.
 KEST_API timeval* now(timeval* tv);
 
 }  // namespace kest::utils
