@@ -76,18 +76,18 @@ namespace {
 constexpr size_t kResolverBufferSize = 4096;
 constexpr int kConnectRetransmissions = 2;
 
-// First IPv4 address of the host. On failure `error` holds the resolver's code.
+// First IPv4 address of the host. On failure `error` holds the resolver's code, on success it is
+// left alone, although the resolver's own output is not.
 bool resolveFirst(char const* host, in_addr& address, int& error) {
-    if (host == nullptr || host[0] == '\0') {
-        error = HOST_NOT_FOUND;
-        return false;
-    }
     hostent entry = {};
     hostent* found = nullptr;
     char buffer[kResolverBufferSize];
-    if (gethostbyname_r(host, &entry, buffer, sizeof(buffer), &found, &error) != 0) return false;
+    int code = HOST_NOT_FOUND;
     // A look-up may succeed and still name no host.
-    if (found == nullptr || found->h_addrtype != AF_INET || found->h_addr_list[0] == nullptr) {
+    if (host == nullptr || host[0] == '\0' ||
+        gethostbyname_r(host, &entry, buffer, sizeof(buffer), &found, &code) != 0 ||
+        found == nullptr || found->h_addrtype != AF_INET || found->h_addr_list[0] == nullptr) {
+        error = code == NETDB_SUCCESS ? HOST_NOT_FOUND : code;
         return false;
     }
     memcpy(&address, found->h_addr_list[0], sizeof(address));
