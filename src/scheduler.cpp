@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstdint>
+#include <iterator>
 #include <utility>
 
 #include "log.h"
@@ -118,6 +119,15 @@ int unregister(int epollFd, int fd) {
     return epoll_ctl(epollFd, EPOLL_CTL_DEL, fd, &event);
 }
 
+// Ids grow, so the newest task is the last one: it, and an id that nobody has yet, are found
+// without a search, however many tasks there are.
+template <typename Map>
+auto findTask(Map& tasks, unsigned long long id) {
+    if (tasks.empty() || tasks.rbegin()->first < id) return tasks.end();
+    if (tasks.rbegin()->first == id) return std::prev(tasks.end());
+    return tasks.find(id);
+}
+
 epoll_event eventOf(IoTask* task, int mode) {
     epoll_event event = {};
     event.events = static_cast<uint32_t>(mode);
@@ -203,7 +213,7 @@ unsigned long long Scheduler::claimId(const TaskMap<Task>& taken) {
     unsigned long long candidate = 0;
     do {
         candidate = nextId_++;
-    } while (candidate == 0 || taken.count(candidate) != 0);
+    } while (candidate == 0 || findTask(taken, candidate) != taken.end());
     return candidate;
 }
 
@@ -256,7 +266,7 @@ bool Scheduler::removeIoTask(unsigned long long id, std::unique_ptr<TimeoutTask>
     int epollFd = -1;
     {
         const std::lock_guard<std::mutex> guard(lock_);
-        const auto entry = ioTasks_.find(id);
+        const auto entry = findTask(ioTasks_, id);
         if (entry != ioTasks_.end()) {
             removed.io = std::move(entry->second);
             ioTasks_.erase(entry);
@@ -283,7 +293,7 @@ bool Scheduler::ChangeIOTaskMode(unsigned long long id, int mode) {
     bool changed = false;
     {
         const std::lock_guard<std::mutex> guard(lock_);
-        const auto entry = ioTasks_.find(id);
+        const auto entry = findTask(ioTasks_, id);
         known = entry != ioTasks_.end();
         if (known) {
             IoTask* const task = entry->second.get();
@@ -359,7 +369,7 @@ bool Scheduler::RemoveTimerTask(unsigned long long id) {
     std::unique_ptr<TimeoutTask> task;
     {
         const std::lock_guard<std::mutex> guard(lock_);
-        const auto entry = timerTasks_.find(id);
+        const auto entry = findTask(timerTasks_, id);
         if (entry != timerTasks_.end() && entry->second != nullptr) {
             task = std::move(entry->second);
             timerTasks_.erase(entry);
