@@ -354,7 +354,6 @@ class Libuv {
     void startTimer(unsigned int ms) {
         uv_timer_t& timer = timers_.emplace_back();
         uv_timer_init(&loop_, &timer);
-        uv_update_time(&loop_);
         require(uv_timer_start(
                     &timer, [](uv_timer_t*) {}, ms, 0) == 0,
                 "uv_timer_start");
@@ -424,7 +423,6 @@ class Libev {
         ev_timer& timer = timers_.emplace_back();
         ev_timer_init(
             &timer, [](struct ev_loop*, ev_timer*, int) {}, ms / 1000.0, 0.0);
-        ev_now_update(loop_);
         ev_timer_start(loop_, &timer);
     }
     void serveTimers() { ev_run(loop_, 0); }  // until none is active

@@ -30,7 +30,7 @@ def nanoseconds(run):
 
 
 def collect(report):
-    """-> {pattern: {parameters: {contestant: [ns, ...]}}}, {(pattern, parameters, reason)}"""
+    """-> {pattern: {parameters: {contestant: [ns, ...]}}}, {(pattern, parameters, reason): True}"""
     patterns, skipped = {}, {}
     # Random interleaving mixes the runs; the family index keeps the order of registration.
     for run in sorted(report["benchmarks"], key=lambda run: run.get("family_index", 0)):
@@ -38,7 +38,7 @@ def collect(report):
             continue
         pattern, contestant, parameters = parse_name(run.get("run_name", run["name"]))
         if run.get("error_occurred"):
-            skipped.setdefault((pattern, parameters, run["error_message"]))
+            skipped[(pattern, f"{parameters}:", run["error_message"])] = True
             continue
         row = patterns.setdefault(pattern, {}).setdefault(parameters, {})
         row.setdefault(contestant, []).append(nanoseconds(run))
@@ -46,10 +46,10 @@ def collect(report):
 
 
 def as_time(ns):
-    for unit, size in (("s", 1e9), ("ms", 1e6), ("us", 1e3)):
-        if ns >= size:
-            return f"{ns / size:.3g} {unit}" if ns < 999 * size else f"{ns / size:.0f} {unit}"
-    return f"{ns:.3g} ns"
+    """Three significant digits and a unit."""
+    unit, size = next(((u, n) for u, n in (("s", 1e9), ("ms", 1e6), ("us", 1e3)) if ns >= n), ("ns", 1.0))
+    value = ns / size
+    return f"{value:.{2 if value < 9.995 else 1 if value < 99.95 else 0}f} {unit}"
 
 
 def spread(times):
@@ -100,7 +100,8 @@ def show(path):
     patterns, skipped = collect(report)
     parts = [heading(path, report)]
     parts += [table(pattern, rows) for pattern, rows in patterns.items()]
-    parts += [f"Skipped: {pattern} {parameters}: {reason}" for pattern, parameters, reason in skipped]
+    if skipped:
+        parts.append("\n".join(f"Skipped: {' '.join(part)}" for part in skipped))
     print("\n\n".join(parts) + "\n")
 
 
