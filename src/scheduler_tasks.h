@@ -13,10 +13,10 @@ struct IoTask {
     IoTask(int descriptor, std::function<bool(int, int, void*)> function, void* argument)
         : fd(descriptor), callback(std::move(function)), arg(argument) {}
 
-    const int fd;  // the caller's
+    const int fd;                      // the caller's
+    std::atomic<bool> removed{false};  // a running pass may still name the task: skip it
     const std::function<bool(int fd, int events, void* arg)> callback;
     void* const arg;
-    std::atomic<bool> removed{false};  // a running pass may still name the task: skip it
 };
 
 // A timer or signal handler, the owner of its descriptor.
