@@ -36,15 +36,14 @@ const char* levelName(int level) {
     return level >= 0 && level <= 7 ? kNames[level] : "?";
 }
 
-// The part of a buffer that is still free. Text that does not fit is cut, never overrun.
+// Text that does not fit is cut, never overrun.
 struct Line {
     char text[kLineCapacity];
     size_t length = 0;
 
-    __attribute__((format(printf, 2, 0))) void append(const char* format, va_list args) {
-        const size_t room = sizeof(text) - length;
-        const int wanted = vsnprintf(text + length, room, format, args);
+    void grow(int wanted) {
         if (wanted < 0) return;
+        const size_t room = sizeof(text) - length;
         const auto added = static_cast<size_t>(wanted);
         length += added < room ? added : room - 1;
     }
@@ -52,7 +51,7 @@ struct Line {
     __attribute__((format(printf, 2, 3))) void append(const char* format, ...) {
         va_list args;
         va_start(args, format);
-        append(format, args);
+        grow(vsnprintf(text + length, sizeof(text) - length, format, args));
         va_end(args);
     }
 };
@@ -86,7 +85,7 @@ extern "C" void logInternal(const char* module, const char* sourceFile, const ch
     line.append("%s %s:%d %s(): ", module, sourceFile, lineNumber, function);
     va_list args;
     va_start(args, format);
-    line.append(format, args);
+    line.grow(vsnprintf(line.text + line.length, sizeof(line.text) - line.length, format, args));
     va_end(args);
     if (errnoValue != 0) line.append(": %s (errno %d)", strerror(errnoValue), errnoValue);
 
