@@ -1,0 +1,156 @@
+#include "camera_daemon.h"
+
+#include <arpa/inet.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <utility>
+
+#include <kest/utils/lowlevelsocket.h>
+#include <kest/utils/string_utils.h>
+
+#include "state_file.h"
+#include "tool_runner.h"
+
+namespace {
+
+const std::string kRunCommand = "run ";
+
+CameraDaemon& daemonOf(void* arg) {
+    return *static_cast<CameraDaemon*>(arg);
+}
+
+}  // namespace
+
+CameraDaemon::CameraDaemon(const Options& options)
+    : options_(options),
+      input_(scheduler_, STDIN_FILENO, [this](const std::string& line) { onLine(line); }),
+      udp_(scheduler_,
+           [this](const std::string& text, const sockaddr_in& from) { onDatagram(text, from); }),
+      tcp_(
+          scheduler_,
+          [this](unsigned number) {
+              ++counts_.connections;
+              printf("tcp %u: connected\n", number);
+          },
+          [this](unsigned number, unsigned long long echoed) {
+              counts_.echoedBytes += echoed;
+              printf("tcp %u: closed after %llu bytes\n", number, echoed);
+          }) {}
+
+CameraDaemon::~CameraDaemon() {
+    // Taken out one by one: Stop() would warn of each timer and handler that is still there.
+    for (const auto id : timers_) {
+        if (id != 0) scheduler_.RemoveTimerTask(id);
+    }
+    for (const auto id : signals_) {
+        if (id != 0) scheduler_.RemoveSignalHandler(id);
+    }
+}
+
+bool CameraDaemon::run() {
+    // Each line is to be seen when it happens, also through a pipe.
+    setvbuf(stdout, nullptr, _IOLBF, 0);
+    if (!start()) {
+        fprintf(stderr, "camera_daemon: could not start\n");
+        return false;
+    }
+    while (running_) {
+        if (!scheduler_.Service() && errno != EINTR) return false;
+    }
+    printSummary();
+    return true;
+}
+
+bool CameraDaemon::start() {
+    // Signals first: a request to end must not find a daemon that does not listen yet.
+    if (!scheduler_.Init() || !addSignals() || !addTimers()) return false;
+    if (!kest::utils::SetFdNoSIGPIPE(-1)) return false;
+    if (!udp_.start(options_.udpPort) || !tcp_.start(options_.tcpPort)) return false;
+    if (!input_.start()) printf("input: none\n");
+    if (!options_.stateFile.empty()) {
+        const unsigned starts = readStarts(options_.stateFile) + 1;
+        if (!writeStarts(options_.stateFile, starts)) return false;
+        printf("state: start number %u\n", starts);
+    }
+    printf("ready: udp %u tcp %u\n", udp_.port(), tcp_.port());
+    return true;
+}
+
+bool CameraDaemon::addSignals() {
+    const auto onEnd = [](void* arg) {
+        daemonOf(arg).end();
+        return true;
+    };
+    const auto onHup = [](void* arg) {
+        daemonOf(arg).onHangup();
+        return true;
+    };
+    return addSignal(SIGINT, onEnd) && addSignal(SIGTERM, onEnd) && addSignal(SIGHUP, onHup);
+}
+
+bool CameraDaemon::addSignal(int signo, bool (*callback)(void*)) {
+    signals_.push_back(scheduler_.AddSignalHandler(signo, callback, this));
+    return signals_.back() != 0;
+}
+
+bool CameraDaemon::addTimers() {
+    return addTimer(options_.tickMs, options_.tickMs,
+                    [this] { printf("timer: tick %u\n", ++counts_.ticks); }) &&
+           addTimer(options_.oneShotMs, 0, [this] {
+               ++counts_.oneShots;
+               printf("timer: one-shot\n");
+           });
+}
+
+bool CameraDaemon::addTimer(unsigned initialMs, unsigned periodMs, std::function<void()> onExpiry) {
+    timers_.push_back(scheduler_.AddTimerTask(
+        initialMs, periodMs,
+        [onExpiry = std::move(onExpiry)](unsigned long long, void*) {
+            onExpiry();
+            return true;
+        },
+        nullptr));
+    return timers_.back() != 0;
+}
+
+bool CameraDaemon::toolAskedFor(const std::string& text, std::string& answer) {
+    if (!kest::utils::startsWith(text, kRunCommand)) return false;
+    ++counts_.tools;
+    answer = runTool(text.substr(kRunCommand.size()));
+    return true;
+}
+
+void CameraDaemon::onLine(const std::string& line) {
+    ++counts_.lines;
+    printf("line: %s\n", line.c_str());
+    std::string answer;
+    if (toolAskedFor(line, answer)) printf("tool: %s\n", answer.c_str());
+}
+
+void CameraDaemon::onDatagram(const std::string& text, const sockaddr_in& from) {
+    ++counts_.datagrams;
+    printf("udp %u: %s\n", ntohs(from.sin_port), text.c_str());
+    std::string answer;
+    if (toolAskedFor(text, answer)) udp_.send(answer, from);
+}
+
+void CameraDaemon::onHangup() {
+    ++counts_.hangups;
+    printf("signal: SIGHUP\n");
+}
+
+void CameraDaemon::end() {
+    printf("signal: asked to end\n");
+    running_ = false;
+}
+
+void CameraDaemon::printSummary() const {
+    printf(
+        "summary: lines=%u datagrams=%u connections=%u echoed=%llu tools=%u ticks=%u "
+        "oneshots=%u hangups=%u\n",
+        counts_.lines, counts_.datagrams, counts_.connections, counts_.echoedBytes, counts_.tools,
+        counts_.ticks, counts_.oneShots, counts_.hangups);
+}

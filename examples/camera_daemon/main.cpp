@@ -1,0 +1,90 @@
+#include <getopt.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+
+#include "camera_daemon.h"
+
+namespace {
+
+constexpr char kUsage[] =
+    "usage: camera_daemon [OPTION...]\n"
+    "\n"
+    "Serves standard input, a UDP and a TCP port on loopback, timers and signals until SIGINT or\n"
+    "SIGTERM, printing a line for each thing that it handled and a summary at its end. A line or\n"
+    "datagram \"run uname -a\" runs the tool named.\n"
+    "\n"
+    "  --udp-port=N    port for datagrams (default: any that is free)\n"
+    "  --tcp-port=N    port for connections (default: any that is free)\n"
+    "  --tick-ms=N     period of the ticking timer (default 1000)\n"
+    "  --one-shot-ms=N delay of the one-shot timer (default 500)\n"
+    "  --state=FILE    file that remembers how often the daemon was started\n"
+    "  --help          this text\n";
+
+bool parseNumber(const char* text, unsigned long most, unsigned& value) {
+    char* end = nullptr;
+    errno = 0;
+    const unsigned long parsed = std::strtoul(text, &end, 10);
+    if (errno != 0 || end == text || *end != '\0' || parsed > most) return false;
+    value = static_cast<unsigned>(parsed);
+    return true;
+}
+
+bool parsePort(const char* text, unsigned short& port) {
+    unsigned value = 0;
+    if (!parseNumber(text, 65535, value)) return false;
+    port = static_cast<unsigned short>(value);
+    return true;
+}
+
+bool apply(int option, const char* value, Options& options) {
+    constexpr unsigned long kDayMs = 86400000;
+    switch (option) {
+        case 'u':
+            return parsePort(value, options.udpPort);
+        case 't':
+            return parsePort(value, options.tcpPort);
+        case 'k':
+            return parseNumber(value, kDayMs, options.tickMs);
+        case 'o':
+            return parseNumber(value, kDayMs, options.oneShotMs);
+        case 's':
+            options.stateFile = value;
+            return true;
+        default:
+            return false;
+    }
+}
+
+// Exit status with which to end at once, or -1 to go on.
+int parse(int argc, char** argv, Options& options) {
+    static const option kOptions[] = {{"udp-port", required_argument, nullptr, 'u'},
+                                      {"tcp-port", required_argument, nullptr, 't'},
+                                      {"tick-ms", required_argument, nullptr, 'k'},
+                                      {"one-shot-ms", required_argument, nullptr, 'o'},
+                                      {"state", required_argument, nullptr, 's'},
+                                      {"help", no_argument, nullptr, 'h'},
+                                      {nullptr, 0, nullptr, 0}};
+    for (int c = 0; (c = getopt_long(argc, argv, "", kOptions, nullptr)) != -1;) {
+        if (c == 'h') {
+            fputs(kUsage, stdout);
+            return 0;
+        }
+        if (!apply(c, optarg, options)) {
+            fputs(kUsage, stderr);
+            return 2;
+        }
+    }
+    return -1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Options options;
+    const int status = parse(argc, argv, options);
+    if (status != -1) return status;
+    CameraDaemon daemon(options);
+    return daemon.run() ? 0 : 1;
+}
