@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <utility>
 
 #include <kest/utils/lowlevelsocket.h>
@@ -17,6 +18,12 @@
 namespace {
 
 const std::string kRunCommand = "run ";
+
+bool failedToListen(const char* kind, unsigned short port) {
+    fprintf(stderr, "camera_daemon: cannot listen on %s port %u: %s\n", kind, port,
+            strerror(errno));
+    return false;
+}
 
 CameraDaemon& daemonOf(void* arg) {
     return *static_cast<CameraDaemon*>(arg);
@@ -68,8 +75,9 @@ bool CameraDaemon::start() {
     // Signals first: a request to end must not find a daemon that does not listen yet.
     if (!scheduler_.Init() || !addSignals() || !addTimers()) return false;
     if (!kest::utils::SetFdNoSIGPIPE(-1)) return false;
-    if (!udp_.start(options_.udpPort) || !tcp_.start(options_.tcpPort)) return false;
-    if (!input_.start()) printf("input: none\n");
+    if (!udp_.start(options_.udpPort)) return failedToListen("UDP", options_.udpPort);
+    if (!tcp_.start(options_.tcpPort)) return failedToListen("TCP", options_.tcpPort);
+    if (!input_.start()) return false;
     if (!options_.stateFile.empty()) {
         const unsigned starts = readStarts(options_.stateFile) + 1;
         if (!writeStarts(options_.stateFile, starts)) return false;

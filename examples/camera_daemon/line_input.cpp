@@ -2,6 +2,7 @@
 
 #include <sys/epoll.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <utility>
@@ -13,10 +14,11 @@ constexpr unsigned kReadSize = 4096;
 constexpr unsigned kLongestLine = 65536;
 constexpr unsigned kFilePollMs = 1;
 
-// epoll refuses regular files, which are always readable.
-bool isRegularFile(int fd) {
+// epoll refuses what is always readable: files and devices such as /dev/null.
+bool canBeWatched(int fd) {
     struct stat info = {};
-    return fstat(fd, &info) == 0 && S_ISREG(info.st_mode);
+    return fstat(fd, &info) == 0 &&
+           (S_ISFIFO(info.st_mode) || S_ISSOCK(info.st_mode) || isatty(fd) == 1);
 }
 
 }  // namespace
@@ -29,7 +31,7 @@ LineInput::~LineInput() {
 }
 
 bool LineInput::start() {
-    if (isRegularFile(fd_)) {
+    if (!canBeWatched(fd_)) {
         timer_ = scheduler_.AddTimerTask(
             kFilePollMs, kFilePollMs,
             [this](unsigned long long, void*) {

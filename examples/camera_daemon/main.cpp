@@ -1,4 +1,6 @@
+#include <fcntl.h>
 #include <getopt.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -82,6 +84,11 @@ int parse(int argc, char** argv, Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    // Started without standard descriptors, the daemon's own would take their numbers.
+    int spare = 0;
+    while (spare >= 0 && spare <= STDERR_FILENO)
+        spare = open("/dev/null", O_RDWR);
+    close(spare);
     Options options;
     const int status = parse(argc, argv, options);
     if (status != -1) return status;
