@@ -177,14 +177,15 @@ bool Scheduler::Service() {
 }
 
 bool Scheduler::Stop() {
-    // Exchanged before the lock is taken: of several callers one tears down.
-    UniqueFd epoll(epoll_.exchange(-1));
-    if (!epoll.valid()) return true;
-
+    UniqueFd epoll;
     TaskMap<IoTask> ioTasks;
     TaskMap<TimeoutTask> timerTasks;
     {
+        // The instance goes together with its tasks: other threads may set up a new one at once,
+        // and what they add to that must not be taken for a task of this.
         const std::lock_guard<std::mutex> guard(lock_);
+        epoll.reset(epoll_.exchange(-1));
+        if (!epoll.valid()) return true;
         nextId_ = 1;
         ioTasks.swap(ioTasks_);
         timerTasks.swap(timerTasks_);
@@ -218,8 +219,8 @@ unsigned long long Scheduler::claimId(const TaskMap<Task>& taken) {
 }
 
 // Enters the task and hands it to the kernel; 0, or the errno of the refusal, and the caller keeps
-// the task. To be called with the lock held: Stop() takes the epoll descriptor away before it takes
-// the lock, so a task is either registered and seen by Stop(), or refused.
+// the task. To be called with the lock held: the task is either registered and seen by Stop(), or
+// refused.
 int Scheduler::registerIoTask(unsigned long long id, std::unique_ptr<IoTask>& task, int mode) {
     IoTask* const registered = task.get();
     // Entered before the kernel knows it: an insertion that throws must not leave the address
