@@ -242,35 +242,49 @@ uint32_t SysExec::errTotal() const {
 
 namespace {
 
-void deliver(const std::vector<char>& captured, std::string* text) {
-    if (text == nullptr || captured.empty()) return;
-    text->assign(captured.data(), captured.size());
-    trim(*text);
+void capture(detail::ExecOutput& stream, std::string* text) {
+    stream.text = text;
+    stream.use = true;
 }
 
-// The program and its arguments are already set.
-int universalExec(SysExec& exec, const std::string* in, std::string* out, std::string* err,
-                  unsigned timeoutMs, unsigned outThreshold, unsigned errThreshold) {
-    std::vector<char> outBytes;
-    std::vector<char> errBytes;
-    if (in != nullptr) exec.setIn(*in);
-    if (out != nullptr) exec.setOut(&outBytes);
-    if (err != nullptr) exec.setErr(&errBytes);
-    if (outThreshold != 0) exec.setOutThreshold(outThreshold);
-    if (errThreshold != 0) exec.setErrThreshold(errThreshold);
+// An empty capture leaves the caller's string as it was.
+void deliver(std::string& captured, std::string* text) {
+    if (text == nullptr || captured.empty()) return;
+    *text = std::move(trim(captured));
+}
 
-    const int64_t deadline = nowMs() + timeoutMs;
+// Time-out and limits of a run; 0: none.
+struct Limits {
+    unsigned timeoutMs;
+    unsigned outThreshold;
+    unsigned errThreshold;
+};
+
+int universalExec(const std::string& exe, const std::vector<std::string>& args,
+                  const std::string* in, std::string* out, std::string* err, const Limits& limits) {
+    std::string outText;
+    std::string errText;
+    // Made behind the strings, which it still fills when it goes.
+    SysExec exec;
+    exec.setExe(exe).setArgs(args).setOutOverflowStop(false).setErrOverflowStop(false);
+    exec.setOutThreshold(limits.outThreshold).setErrThreshold(limits.errThreshold);
+    if (in != nullptr) exec.setIn(*in);
+    if (out != nullptr) capture(ExecState::of(exec).out, &outText);
+    if (err != nullptr) capture(ExecState::of(exec).err, &errText);
+
+    const int64_t deadline = nowMs() + limits.timeoutMs;
     if (!exec.start()) {
         KEST_LOG(KEST_ERROR, 0, "Failed to start SysExec with code=%d, cmd='%s'", exec.code(),
                  exec.cmd().c_str());
         return -1;
     }
-    while ((exec.status() & SysExec::Finished) == 0) {
-        if (timeoutMs != 0 && nowMs() > deadline) {
+    // However short the time, the program gets one pass.
+    for (bool first = true; (exec.status() & SysExec::Finished) == 0; first = false) {
+        if (!first && limits.timeoutMs != 0 && nowMs() > deadline) {
             const std::string cmd = exec.cmd();  // stop() forgets it
             exec.stop();
-            deliver(outBytes, out);
-            deliver(errBytes, err);
+            deliver(outText, out);
+            deliver(errText, err);
             KEST_LOG(KEST_WARNING, 0, "Timeout executing, cmd='%s'", cmd.c_str());
             return -1;
         }
@@ -284,8 +298,8 @@ int universalExec(SysExec& exec, const std::string* in, std::string* out, std::s
     const bool exited = (exec.status() & SysExec::Exited) != 0;
     const int result = exited ? exec.waitStatus() : exec.code();
     exec.stop();
-    deliver(outBytes, out);
-    deliver(errBytes, err);
+    deliver(outText, out);
+    deliver(errText, err);
     return result;
 }
 
@@ -309,9 +323,7 @@ std::string pathOf(const char* exe) {
 int sysExec(const std::string* in, std::string* out, std::string* err, unsigned timeoutMs,
             unsigned outThreshold, unsigned errThreshold, const std::string& exe,
             const std::vector<std::string>& args) {
-    SysExec exec;
-    exec.setExe(exe).setArgs(args).setOutOverflowStop(false).setErrOverflowStop(false);
-    return universalExec(exec, in, out, err, timeoutMs, outThreshold, errThreshold);
+    return universalExec(exe, args, in, out, err, {timeoutMs, outThreshold, errThreshold});
 }
 
 int sysExec(const std::string* in, std::string* out, std::string* err, unsigned timeoutMs,
@@ -320,7 +332,7 @@ int sysExec(const std::string* in, std::string* out, std::string* err, unsigned 
     va_start(list, count);
     const std::vector<std::string> args = collect(count, list);
     va_end(list);
-    return sysExec(in, out, err, timeoutMs, outThreshold, errThreshold, exe, args);
+    return universalExec(exe, args, in, out, err, {timeoutMs, outThreshold, errThreshold});
 }
 
 int sysExecSimple(const char* exe, const char* arg1, const char* arg2, const char* arg3,
@@ -334,8 +346,8 @@ int sysExecSimple(const char* exe, const std::vector<std::string>& args) {
 
 int shellExec(const std::string& command, const std::string* in, std::string* out, std::string* err,
               unsigned timeoutMs, unsigned outThreshold, unsigned errThreshold) {
-    return sysExec(in, out, err, timeoutMs, outThreshold, errThreshold, "/bin/sh",
-                   std::vector<std::string>{"-c", command});
+    return universalExec("/bin/sh", {"-c", command}, in, out, err,
+                         {timeoutMs, outThreshold, errThreshold});
 }
 
 bool runDaemon(const std::string* /*name*/, const sigset_t* mask, int* pidOut,

@@ -8,12 +8,12 @@
 #include <cerrno>
 #include <utility>
 
-#include <kest/utils/exec.h>
-
 #include "exec_state.h"
 
 namespace kest::utils::detail {
 namespace {
+
+constexpr int kWidePipe = 1 << 20;  // what the system allows everybody unless told otherwise
 
 // The program's argument list, and the same as text for messages.
 bool buildCommand(ExecState& state) {
@@ -29,11 +29,23 @@ bool buildCommand(ExecState& state) {
     return true;
 }
 
+// A program whose output is captured whole runs ahead as far as the system allows, instead of
+// waiting for the next pass every few pages. A limited stream keeps its size: how far a program
+// gets behind its limit would depend on it. A refusal leaves what works as well.
+void widen(const ExecOutput& stream, const Pipe& pipe) {
+    if (!stream.use || !stream.captures() || stream.threshold != 0) return;
+#ifdef F_SETPIPE_SZ
+    fcntl(pipe.writeEnd.get(), F_SETPIPE_SZ, kWidePipe);
+#endif
+}
+
 bool openPipes(ExecState& state, Pipe& pidPipe) {
     if (state.daemon && !pidPipe.open()) return false;
     for (const auto stream : {kStdin, kStdout, kStderr}) {
         if (state.uses(stream) && !state.pipes[stream].open()) return false;
     }
+    widen(state.out, state.pipes[kStdout]);
+    widen(state.err, state.pipes[kStderr]);
     return true;
 }
 

@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include <kest/utils/exec.h>
+
 #include "unique_fd.h"
 
 namespace kest::utils::detail {
@@ -36,6 +38,7 @@ struct ExecInput {
 
 struct ExecOutput {
     std::vector<char>* target = nullptr;  // not owned
+    std::string* text = nullptr;          // in its place for the one-call functions, not owned
     int fd = -1;                          // where the bytes go without a target; not owned
     uint32_t threshold = 0;
     bool overflowStop = true;
@@ -43,6 +46,10 @@ struct ExecOutput {
     std::vector<char> buf;
     uint32_t pending = 0;  // bytes in buf that are not delivered
     uint32_t total = 0;    // bytes delivered
+    size_t owed = 0;       // bytes that were in the pipe when stop() came and are not read yet
+
+    bool captures() const { return target != nullptr || text != nullptr; }
+    bool forwards() const { return !captures() && fd != -1; }
 };
 
 struct FreeDeleter {
@@ -70,6 +77,8 @@ struct ExecState {
     int pid = -1;
     int64_t drainUntil = 0;  // in nowMs(); set by stop(), which does not wait longer for anything
 
+    static ExecState& of(SysExec& exec) { return *exec.state_; }
+
     // Ends the run as failed in the given step. @return false.
     bool fail(int step);
     bool uses(ExecStream stream) const;
@@ -82,7 +91,8 @@ struct ExecState {
     bool writeIn();
     bool readOut();
     bool readErr();
-    // Reads what the pipes hold until all have ended; false when time ran out.
+    // Reads until the pipes have ended; false when time ran out. What the pipes hold from the start
+    // is taken in any case, however slow the machine is.
     bool drain(unsigned ms);
 
   private:

@@ -2,12 +2,12 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 
-#include <kest/utils/exec.h>
 #include <kest/utils/timer.h>
 
 #include "exec_state.h"
@@ -39,6 +39,17 @@ bool liftAboveStandard(UniqueFd& fd) {
 uint32_t allowance(const ExecOutput& stream) {
     if (stream.threshold == 0) return kExecChunk;
     return std::min(stream.threshold - stream.total, kExecChunk);
+}
+
+// Notes what waits in the pipe and makes room for it at once. Forwarding it may take for ever, so
+// then it does not count.
+void noteOwed(ExecOutput& stream, const Pipe& pipe) {
+    int bytes = 0;
+    if (!stream.use || stream.forwards()) return;
+    if (ioctl(pipe.readEnd.get(), FIONREAD, &bytes) != 0 || bytes <= 0) return;
+    stream.owed = static_cast<size_t>(bytes);
+    if (stream.text != nullptr) stream.text->reserve(stream.text->size() + stream.owed);
+    if (stream.target != nullptr) stream.target->reserve(stream.target->size() + stream.owed);
 }
 
 // Takes bytes off the front of what is pending.
@@ -110,7 +121,11 @@ bool ExecState::xread(ExecOutput& stream, int pipeFd, int overflowBit) {
         return false;
     }
     const ssize_t got = ::read(pipeFd, stream.buf.data(), size);
-    if (got < 0 && tryLater(errno)) return true;
+    stream.owed -= std::min(stream.owed, static_cast<size_t>(std::max<ssize_t>(got, 0)));
+    if (got < 0 && tryLater(errno)) {
+        stream.owed = 0;
+        return true;
+    }
     if (got <= 0) {
         stream.use = false;
         return got == 0 || fail(SysExec::ReadFailed);
@@ -120,11 +135,12 @@ bool ExecState::xread(ExecOutput& stream, int pipeFd, int overflowBit) {
 }
 
 bool ExecState::deliver(ExecOutput& stream) {
-    if (stream.target != nullptr) {
-        const auto begin = stream.buf.begin();
+    if (stream.forwards()) return forward(stream) || fail(SysExec::ForwardFailed);
+    const auto begin = stream.buf.begin();
+    if (stream.text != nullptr) {
+        stream.text->append(stream.buf.data(), stream.pending);
+    } else if (stream.target != nullptr) {
         stream.target->insert(stream.target->end(), begin, begin + stream.pending);
-    } else if (stream.fd != -1) {
-        return forward(stream) || fail(SysExec::ForwardFailed);
     }
     countDelivered(stream, stream.pending);
     return true;
@@ -146,8 +162,11 @@ bool ExecState::forward(ExecOutput& stream) {
 
 bool ExecState::drain(unsigned ms) {
     drainUntil = nowMs() + ms;
+    noteOwed(out, pipes[kStdout]);
+    noteOwed(err, pipes[kStderr]);
     while (out.use || err.use) {
-        if (nowMs() > drainUntil) return false;
+        const bool owed = (out.use && out.owed != 0) || (err.use && err.owed != 0);
+        if (!owed && nowMs() > drainUntil) return false;
         readOut();
         readErr();
         awaitOutput();

@@ -2,8 +2,8 @@
 /// Child processes: SysExec runs one program with its standard streams on pipes, and a handful of
 /// functions wrap it for the usual cases. No shell is involved unless shellExec() is called.
 ///
-/// One thread owns a SysExec; different instances and the functions may be used from any threads.
-/// Nothing here may be called from a signal handler.
+/// One thread owns a SysExec; the functions may be called from any thread. No signal handler may
+/// use any of it.
 #pragma once
 
 #include <signal.h>
@@ -24,27 +24,24 @@ struct ExecState;
 /// Runs one program: polled, without a thread of its own.
 ///
 /// @code
-///     std::vector<char> text;
 ///     kest::utils::SysExec exec;
 ///     exec.setExe("/bin/ls").pushArg("/tmp").setOut(&text);
 ///     if (!exec.start()) return exec.code();
 ///     while ((exec.status() & SysExec::Finished) == 0) exec.service();
 ///     const int result = exec.waitStatus();  // read before stop(), which forgets it
-///     exec.stop();
+///     exec.stop();                           // now the text is complete
 /// @endcode
 ///
-/// **Streams.** A stream that no setter mentioned is /dev/null in the program. Input is written as
-/// the program takes it, but its pipe stays open until stop(): a program that reads to end-of-file
-/// sees that only then. Output beyond its threshold is not read, so a program that writes on can
-/// block; a time-out of the caller and stop() end it all the same.
+/// **Streams.** One that no setter mentioned is /dev/null in the program. Input is written as the
+/// program takes it, but its pipe stays open until stop(): a program that reads to end-of-file sees
+/// that only then. Output beyond a threshold is not read, so a program that writes on can block;
+/// stop() ends it all the same.
 ///
-/// **Exit statuses 121 to 127** of the program mean that it could not be started: 121 `execve`
-/// failed, 122 to 124 a standard stream could not be set up, 125 no /dev/null; 126 and 127 belong
-/// to the process between this one and a daemon.
+/// **Exit statuses 121 to 127** mean that the program could not be started: 121 not executable, 122
+/// to 124 a standard stream and 125 /dev/null not to be had, 126 and 127 no daemon.
 ///
-/// **Signals.** Writing to a program or descriptor that reads no more raises no `SIGPIPE` here. The
-/// process must leave its children to this class: where `SIGCHLD` is ignored or a handler reaps
-/// everything, a run ends with WaitFailed.
+/// **Signals.** A reader that left raises no `SIGPIPE` here. Children must be left to this class:
+/// where `SIGCHLD` is ignored, or a handler reaps them all, a run ends with WaitFailed.
 class KEST_API SysExec {
   public:
     /// Bits of status(). All clear: never started, or stopped.
@@ -91,18 +88,18 @@ class KEST_API SysExec {
     SysExec& setName(const std::string& name);
     /// Bytes for standard input, copied.
     SysExec& setIn(const std::string& in);
-    /// Appends standard output to `out`, which stays the caller's and must live until stop(). Null:
-    /// the output is read and dropped. Goes before setOut(int).
+    /// Appends standard output to `out`, which is the caller's and must live until stop(), so
+    /// declare it before the SysExec. Null drops the output.
     SysExec& setOut(std::vector<char>* out);
-    /// Forwards standard output to a descriptor, which stays the caller's. As long as it takes
-    /// nothing (`EAGAIN`), service() tries again and again and does not return.
+    /// Forwards standard output, unless it goes to a vector, to a descriptor of the caller's. While
+    /// that takes nothing (`EAGAIN`), service() tries again without a pause.
     SysExec& setOut(int fd);
     /// Most bytes of standard output to take; 0: no limit. Output of exactly this length counts as
-    /// having reached the limit.
+    /// having reached it.
     SysExec& setOutThreshold(unsigned threshold);
     /// Whether reaching the threshold fails the run (the default) or only ends the reading.
     SysExec& setOutOverflowStop(bool stop);
-    /// As setOut(), setOutThreshold() and setOutOverflowStop(), for standard error.
+    /// The same for standard error.
     SysExec& setErr(std::vector<char>* err);
     SysExec& setErrThreshold(unsigned threshold);
     SysExec& setErrOverflowStop(bool stop);
@@ -113,15 +110,14 @@ class KEST_API SysExec {
     SysExec& pushArg(const std::string& arg);
     /// The signal mask that the program starts with, copied. Null: the calling thread's.
     SysExec& setMaskSignals(const sigset_t* mask);
-    /// Start the program detached, in a session of its own. It is never reaped, killed or
-    /// serviced here: after start() only pid() and stop() are of use.
+    /// Starts the program detached, in a session of its own. It is never serviced, reaped or killed
+    /// here: after start() only pid() and stop() are of use.
     SysExec& setDaemon(bool daemon);
     /// @}
 
     /// Starts the program. Descriptors from 3 to 255 are closed in it; higher ones of the caller
     /// that are not close-on-exec stay open.
-    /// @return false with code() set and nothing left open. A program that cannot be executed is no
-    ///         failure here; it exits with 121.
+    /// @return false with code() set and nothing left open.
     bool start();
 
     /// One pass: up to 16384 bytes of each stream, then a look whether the program has ended. Takes
@@ -130,10 +126,10 @@ class KEST_API SysExec {
     ///         still be running; stop() ends it.
     bool service();
 
-    /// Ends the run: kills a program that does not end within 10 ms, reads for up to 100 ms what
-    /// its pipes still hold, and makes the instance as new, except for its name. What the
-    /// accessors gave is gone then. Logs a warning when the program cannot be waited for or when
-    /// somebody else keeps its pipes open.
+    /// Ends the run: kills a program that does not end within 10 ms, takes what its pipes hold, and
+    /// makes the instance as new, except for its name. Logs a warning when the program cannot be
+    /// waited for, or when its pipes are still open after 100 ms because a process that it left
+    /// behind has them, too.
     void stop();
 
     /// Waits until the program has ended, at most `timeoutMs` milliseconds, and reaps it. Each
@@ -146,21 +142,17 @@ class KEST_API SysExec {
     bool waitPid(unsigned timeoutMs, bool* timedOut = nullptr, bool* exited = nullptr,
                  bool* signalled = nullptr, int* waitStatus = nullptr);
 
-    /// Bits of StatusBit.
-    int status() const;
-    /// A StepCode, or 0 when nothing was refused or failed.
-    int code() const;
-    /// Status of the reaped program as `waitpid` gives it: exit code 3 is 768.
-    int waitStatus() const;
-    /// Program and arguments with blanks between them, for messages; set by start().
-    const std::string& cmd() const;
-    /// The program, or the daemon; -1 when there is none or when it has been reaped.
-    int pid() const;
-    /// Bytes delivered so far, modulo 2^32.
-    uint32_t outTotal() const;
-    uint32_t errTotal() const;
+    int status() const;              ///< bits of StatusBit
+    int code() const;                ///< a StepCode; 0: nothing was refused or failed
+    int waitStatus() const;          ///< as `waitpid` gives it: exit code 3 is 768
+    const std::string& cmd() const;  ///< program and arguments, for messages; set by start()
+    int pid() const;                 ///< the program or daemon; -1: none, or reaped
+    uint32_t outTotal() const;       ///< bytes delivered so far, modulo 2^32
+    uint32_t errTotal() const;       ///< the same for standard error
 
   private:
+    friend struct detail::ExecState;
+
     bool settable(const char* setter) const;
     void reapOrKill();
 
@@ -168,15 +160,13 @@ class KEST_API SysExec {
 };
 
 /// @name Running a program to its end
-///
 /// Standard input comes from `in`, output goes to `out` and `err`; a null one is /dev/null.
-/// Captured text is trimmed; where nothing was captured the string is **left as it was**.
-/// `timeoutMs` 0 waits without limit; otherwise the program is killed when the time is over, and
-/// what it wrote until then is delivered. Text beyond a threshold is not read (0: no limit), which
-/// leaves a program that writes on blocked until the time is over: give a time-out, too.
-/// @return the status as `waitpid` gives it (0 success, exit code n is n * 256, 121 * 256 the
-///         program cannot be executed), or -1 with one line logged: not started, not serviced,
-///         killed by a signal, or out of time.
+/// Captured text is trimmed; where nothing was captured the string is **left as it was**. Text
+/// beyond a threshold is not read (0: no limit). After `timeoutMs` (0: never) the program is
+/// killed, and what it wrote until then is delivered; give one with every threshold, as a program
+/// that writes beyond it stands still.
+/// @return the status as `waitpid` gives it (0 success, exit code n is n * 256), or -1 and a line
+///         logged: not started, killed by a signal, out of time, or a pipe failed.
 /// @{
 
 /// Takes up to `count` further `const char*` arguments, but none after a null one.
@@ -199,12 +189,11 @@ KEST_API int shellExec(const std::string& command, const std::string* in, std::s
 /// @}
 
 /// @name Starting a daemon
-///
 /// The program gets a session of its own, /dev/null as its streams and the signal mask `mask`
 /// (null: the calling thread's). It is never reaped or killed by this process.
 /// @param name    not used.
 /// @param pidOut  its process id; may be null; left alone on failure.
-/// @return false with one line logged when it could not be started. A program that cannot be
+/// @return false with one line logged when it could not be started. That a program cannot be
 ///         executed goes unnoticed.
 /// @{
 KEST_API bool runDaemon(const std::string* name, const sigset_t* mask, int* pidOut,
