@@ -146,6 +146,7 @@ class KEST_API File : public FdReaderWriter {
     bool seek(long long offset, int origin) const;
     unsigned long long stampMs(timespec const& stamp, char const* caller);
     bool stepBack(bool read, unsigned long long width);
+    bool readAll(std::string& out, unsigned long long size);
     bool readInSteps(std::string& out, unsigned long long size);
 
     unsigned long long cachedSize_ = 0;
