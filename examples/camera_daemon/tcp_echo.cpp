@@ -69,7 +69,7 @@ void TcpEcho::accept() {
 
 void TcpEcho::serve(unsigned number, int events) {
     Connection& connection = *connections_.at(number);
-    if (!transfer(connection, events)) {
+    if (!transfer(connection, static_cast<uint32_t>(events))) {
         close(number);
         return;
     }
@@ -84,7 +84,7 @@ void TcpEcho::serve(unsigned number, int events) {
     scheduler_.ChangeIOTaskMode(connection.ioTask, mode);
 }
 
-bool TcpEcho::transfer(Connection& connection, int events) {
+bool TcpEcho::transfer(Connection& connection, uint32_t events) {
     const int fd = connection.fd.get();
     if ((events & (EPOLLIN | EPOLLHUP | EPOLLERR)) != 0 && !connection.inputEnded) {
         const unsigned before = connection.buffer.Available();

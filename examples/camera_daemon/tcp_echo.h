@@ -1,6 +1,7 @@
 // TCP connections on a loopback port, each of which gets back what it sends.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
@@ -36,7 +37,7 @@ class TcpEcho {
 
     void accept();
     void serve(unsigned number, int events);
-    bool transfer(Connection& connection, int events);
+    bool transfer(Connection& connection, uint32_t events);
     void close(unsigned number);
 
     kest::utils::Scheduler& scheduler_;
