@@ -54,6 +54,9 @@ class KEST_API File : public FdReaderWriter {
     /// Closes the file.
     ~File() override;
 
+    File(const File&) = delete;
+    File& operator=(const File&) = delete;
+
     /// Opens a file, after closing the one that was open. The descriptor is close-on-exec.
     /// @param path        remembered also when the file cannot be opened.
     /// @param mode        one of Mode; any other number fails. A new file gets permission 0666 less
