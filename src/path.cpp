@@ -4,6 +4,7 @@
 #include <stdlib.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string_view>
 
@@ -18,88 +19,107 @@ using detail::cPath;
 
 constexpr size_t kDirnameLimit = 4096;
 
-// The pieces of a normalised path, each ended by '/', as one text. What ".." cannot take away ("/",
-// "./", "../") is always in front.
-class Pieces {
+// Copies a path piece by piece, each with a '/' at its end, and takes back what does not count. The
+// pieces that ".." cannot take away ("/", "./", "../") are always in front.
+class Normalizer {
   public:
-    explicit Pieces(size_t capacity) { text_.reserve(capacity); }
+    // The pieces are at most one byte longer than the path.
+    explicit Normalizer(const char* path)
+        : next_(path), text_(strlen(path) + 1, '\0'), begin_(text_.data()) {}
+    Normalizer(const Normalizer&) = delete;
+    Normalizer& operator=(const Normalizer&) = delete;
 
-    void add(std::string_view component, bool last) {
-        if (component.empty()) {
-            addEmpty(last);
-        } else if (component == ".") {
-            if (text_.empty()) addFixed("./");
-        } else if (component == "..") {
-            goUp();
-        } else {
-            text_.append(component).push_back('/');
+    // False when the path ends within an escape.
+    bool run() {
+        while (copyComponent()) {
+            const bool last = *next_ == '\0';
+            endComponent(last);
+            if (last) return true;
+            ++next_;
         }
+        return false;
     }
 
-    std::string joined() && {
-        if (!text_.empty()) text_.pop_back();
+    std::string text() && {
+        text_.resize(static_cast<size_t>(end_ - begin_) - (end_ != begin_ ? 1 : 0));
         return std::move(text_);
     }
 
   private:
-    void addFixed(const char* piece) {
-        text_ += piece;
-        fixed_ = text_.size();
+    // Copies behind the last piece what stands before the next '/'.
+    bool copyComponent() {
+        component_ = end_;
+        for (char c = *next_; c != '\0' && c != '/'; c = *++next_) {
+            if (c == '\\') {
+                *end_++ = c;
+                c = *++next_;
+                if (c == '\0') return false;
+            }
+            *end_++ = c;
+        }
+        return true;
     }
 
-    void addEmpty(bool last) {
-        if (text_.empty()) {
-            addFixed("/");
-        } else if (last) {
-            text_ += '/';
+    // Makes what was copied a piece, or takes it back.
+    void endComponent(bool last) {
+        const std::string_view component(component_, static_cast<size_t>(end_ - component_));
+        if (component.empty()) {
+            putSlash(last);
+        } else if (component == ".") {
+            end_ = component_;
+            if (end_ == begin_) putFixed("./");
+        } else if (component == "..") {
+            end_ = component_;
+            goUp();
+        } else {
+            *end_++ = '/';
         }
+    }
+
+    void putSlash(bool last) {
+        if (end_ == begin_) {
+            putFixed("/");
+        } else if (last) {
+            *end_++ = '/';
+        }
+    }
+
+    void putFixed(std::string_view piece) {
+        end_ = std::copy(piece.begin(), piece.end(), end_);
+        fixed_ = end_;
     }
 
     void goUp() {
-        if (text_.size() > fixed_) {
+        if (end_ != fixed_) {
             removeLast();
-            return;
+        } else if (end_ == begin_ || *begin_ != '/') {
+            if (end_ - begin_ == 2) end_ = begin_;  // "./" makes way
+            putFixed("../");
         }
-        if (text_ == "/") return;
-        if (text_ == "./") text_.clear();
-        addFixed("../");
     }
 
     void removeLast() {
-        size_t begin = text_.size() - 1;
-        while (begin > fixed_ && !endsPiece(begin - 1))
-            --begin;
-        text_.resize(begin);
+        do {
+            --end_;
+        } while (end_ != fixed_ && !endsPiece(end_ - 1));
     }
 
     // A slash behind an odd number of backslashes is part of a name.
-    bool endsPiece(size_t at) const {
-        if (text_[at] != '/') return false;
-        size_t backslashes = 0;
-        while (backslashes < at && text_[at - backslashes - 1] == '\\')
-            ++backslashes;
-        return backslashes % 2 == 0;
+    bool endsPiece(const char* at) const {
+        if (*at != '/') return false;
+        const char* escape = at;
+        while (escape != fixed_ && escape[-1] == '\\')
+            --escape;
+        return (at - escape) % 2 == 0;
     }
 
+    const char* next_;
     std::string text_;
-    size_t fixed_ = 0;  // bytes in front that ".." cannot take away
+    char* begin_;
+    char* end_ = begin_;
+    char* component_ = begin_;
+    char* fixed_ = begin_;  // end of the pieces that ".." cannot take away
 };
-
-// Cuts the path at its slashes. False when it ends within an escape.
-bool addComponents(const char* path, Pieces& pieces) {
-    const char* begin = path;
-    const char* at = path;
-    for (; *at != '\0'; ++at) {
-        if (*at == '\\') {
-            if (*++at == '\0') return false;
-        } else if (*at == '/') {
-            pieces.add({begin, static_cast<size_t>(at - begin)}, false);
-            begin = at + 1;
-        }
-    }
-    pieces.add({begin, static_cast<size_t>(at - begin)}, true);
-    return true;
-}
 
 }  // namespace
 
@@ -108,10 +128,10 @@ bool normalizePath(const char* path, std::string& out) {
         out.clear();
         return false;
     }
-    Pieces pieces(strlen(path) + 1);
-    const bool complete = addComponents(path, pieces);
+    Normalizer normalizer(path);
+    const bool complete = normalizer.run();
     // Only now, as the path may stand in `out`.
-    out = complete ? std::move(pieces).joined() : std::string();
+    out = complete ? std::move(normalizer).text() : std::string();
     return complete;
 }
 

@@ -4,7 +4,8 @@
 ///
 /// They never throw for control flow. Those that say so log their failures; the others are silent.
 /// A failure leaves `errno` as the failing system call set it. A null path is a failure. A
-/// `std::string` with a NUL byte in it counts as an empty path, as no file can have that name.
+/// `std::string` with a NUL byte in it counts as an empty path, as no file can have that name. To
+/// open a FIFO is to wait for its other end.
 #pragma once
 
 #include <sys/stat.h>
