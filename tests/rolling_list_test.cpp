@@ -1,0 +1,161 @@
+#include <kest/utils/rolling_list.h>
+#include <kest/utils/timer.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <string>
+#include <vector>
+
+#include "support/clean_test.h"
+#include "support/temp_dir.h"
+
+namespace {
+
+using kest::test::TempDir;
+using kest::test::writeFile;
+
+constexpr int kHourMs = 3600000;
+
+// Notes its number when it goes, and may call back into its list then.
+struct Item : IRollingListItem {
+    Item(uint64_t stamp, int number, std::vector<int>& dropped, RollingList* callBack = nullptr)
+        : stamp_(stamp), number_(number), dropped_(dropped), callBack_(callBack) {}
+    ~Item() override {
+        dropped_.push_back(number_);
+        if (callBack_ == nullptr) return;
+        callBack_->service();
+        callBack_->deleteFront();
+    }
+    uint64_t age() const override { return stamp_; }
+
+    const uint64_t stamp_;
+    const int number_;
+    std::vector<int>& dropped_;
+    RollingList* const callBack_;
+};
+
+bool exists(const std::string& path) {
+    return access(path.c_str(), F_OK) == 0;
+}
+
+TEST(RollingList, SizeLimitDropsTheOldestButNoneBelowTheMinimumAge) {
+    std::vector<int> dropped;
+    RollingList list;
+    list.limitListSize(3);
+    const auto now = static_cast<uint64_t>(nowMs());
+    for (int i = 0; i < 4; ++i)
+        EXPECT_TRUE(list.append(new Item(now, i, dropped)));
+    EXPECT_EQ(std::vector<int>({0}), dropped);
+    list.limitItemMinAge(kHourMs);
+    list.append(new Item(now + kHourMs, 4, dropped));
+    EXPECT_EQ(4, list.count());
+    EXPECT_EQ(4u, list.list().size());
+    list.limitItemMinAge(0);
+    list.limitListSize(-1);
+    EXPECT_TRUE(list.service());
+    EXPECT_EQ(std::vector<int>({0, 1, 2, 3, 4}), dropped);
+    EXPECT_FALSE(list.append(nullptr));
+}
+
+TEST(RollingList, AgeLimitLooksAtTheFrontOnly) {
+    std::vector<int> dropped;
+    RollingList list;
+    list.limitItemMaxAge(kHourMs);
+    list.append(new Item(0, 0, dropped));
+    const auto now = static_cast<uint64_t>(nowMs());
+    if (now <= static_cast<uint64_t>(kHourMs)) {
+        // The machine has not run for an hour: nothing can be that old.
+        EXPECT_EQ(1, list.count());
+        list.limitItemMaxAge(1);
+        list.service();
+    }
+    EXPECT_EQ(std::vector<int>({0}), dropped);
+    list.append(new Item(now + kHourMs, 1, dropped));
+    list.append(new Item(0, 2, dropped));
+    EXPECT_EQ(2, list.count());
+}
+
+TEST(RollingList, AgeLimitsCannotContradictEachOther) {
+    std::vector<int> dropped;
+    RollingList list;
+    list.limitItemMinAge(kHourMs);
+    list.limitItemMaxAge(1);
+    list.append(new Item(0, 0, dropped));
+    list.append(new Item(0, 1, dropped));
+    EXPECT_EQ(2, list.count());
+    list.limitItemMaxAge(kHourMs);
+    list.limitItemMinAge(kHourMs + 1);
+    list.limitItemMinAge(0);
+    list.limitItemMaxAge(1);
+    EXPECT_TRUE(list.service());
+    EXPECT_EQ(0, list.count());
+}
+
+TEST(RollingList, DestructorsOfItemsMayCallBack) {
+    std::vector<int> dropped;
+    {
+        RollingList list;
+        list.limitListSize(3);
+        for (int i = 0; i < 4; ++i)
+            list.append(new Item(0, i, dropped, &list));
+        EXPECT_EQ(std::vector<int>({0, 1, 2, 3}), dropped);
+        for (int i = 4; i < 7; ++i)
+            list.append(new Item(0, i, dropped, &list));
+    }
+    EXPECT_EQ(std::vector<int>({0, 1, 2, 3, 4, 5, 6}), dropped);
+}
+
+TEST(RollingFileList, RemovesFilesOnlyWhenAskedTo) {
+    const TempDir dir;
+    for (const bool deleteFiles : {true, false}) {
+        RollingFileList list(deleteFiles);
+        list.limitListSize(1);
+        for (const char* name : {"a", "b"}) {
+            writeFile(dir / name, name);
+            list.append(dir / name);
+        }
+        EXPECT_EQ(!deleteFiles, exists(dir / "a"));
+        EXPECT_TRUE(exists(dir / "b"));
+        list.append(new RollingListItemFile(dir / "none", 0, true));
+        EXPECT_EQ(1, list.count());
+        list.clear();
+        EXPECT_EQ(!deleteFiles, exists(dir / "b"));
+    }
+}
+
+TEST(ResourceFilenameRoller, NumbersRollOverAtTheLimit) {
+    ResourceFilenameRoller roller("/snapshots/", "snap-", ".jpg", 11);
+    EXPECT_EQ("/snapshots/snap-00.jpg", roller.getPath());
+    for (int i = 0; i < 10; ++i)
+        roller.incrementFilename();
+    EXPECT_EQ("snap-10.jpg", roller.getFilename());
+    roller.incrementFilename();
+    EXPECT_EQ("snap-00.jpg", roller.getFilename());
+    EXPECT_EQ("x0", ResourceFilenameRoller("", "x", "", 0).getPath());
+}
+
+TEST(ResourceFilenameRoller, CleanRemovesItsOwnNamesOnly) {
+    const TempDir dir;
+    const std::vector<std::string> ours = {"s*[1]0.j", "s*[1]7.j", "s*[1]9.j"};
+    const std::vector<std::string> others = {"s*[1]10.j", "s*[1]07.j",  "s*[1]x.j",
+                                             "sx[1]0.j",  "s*[1]0.jpg", "s*[1].j"};
+    for (const auto& name : ours)
+        writeFile(dir / name, "");
+    for (const auto& name : others)
+        writeFile(dir / name, "");
+    ResourceFilenameRoller roller(dir.path(), "s*[1]", ".j", 10);
+    roller.incrementFilename();
+    EXPECT_EQ(3, roller.cleanCwd());
+    EXPECT_EQ("s*[1]0.j", roller.getFilename());
+    for (const auto& name : ours)
+        EXPECT_FALSE(exists(dir / name)) << name;
+    for (const auto& name : others)
+        EXPECT_TRUE(exists(dir / name)) << name;
+
+    ASSERT_EQ(0, mkdir((dir / "s*[1]3.j").c_str(), 0755));
+    EXPECT_EQ(-1, roller.cleanCwd());
+    EXPECT_TRUE(errno == EISDIR || errno == EPERM) << errno;
+}
+
+}  // namespace
