@@ -10,7 +10,6 @@
 namespace kest::utils::detail {
 namespace {
 
-constexpr int kFirstOrdinaryFd = 3;
 constexpr int kLastClosedFd = 255;
 
 enum ExitStatus : int {

@@ -16,6 +16,7 @@
 namespace kest::utils::detail {
 
 constexpr uint32_t kExecChunk = 16384;
+constexpr int kFirstOrdinaryFd = 3;
 
 // Indices of ExecState::pipes, and the descriptors that the pipes become in the program.
 enum ExecStream : int { kStdin = 0, kStdout = 1, kStderr = 2 };

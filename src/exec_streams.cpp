@@ -16,7 +16,6 @@
 namespace kest::utils::detail {
 namespace {
 
-constexpr int kFirstOrdinaryFd = 3;
 constexpr int kRetryMs = 1;
 
 bool tryLater(int error) {

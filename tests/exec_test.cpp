@@ -200,9 +200,8 @@ TEST_F(ExecTest, FailingStepOfStartLeavesNothingOpen) {
         faults.clear();
         EXPECT_EQ(code, exec.code()) << call << fault.countdown;
         EXPECT_EQ(code != 0, before == openDescriptors()) << call << fault.countdown;
-        const int64_t begin = nowMs();
         exec.stop();
-        EXPECT_GT(90, nowMs() - begin);
+        EXPECT_THAT(logTexts(), testing::IsEmpty()) << "drained what never ends";
     }
 }
 
