@@ -30,10 +30,15 @@ struct SourceName {
 #define KEST_INFO 6
 #define KEST_DEBUG 7
 
+// A second source file of a unit defines the unit's name before it includes this header.
+#if !defined(KEST_SOURCE)
+#define KEST_SOURCE __FILE__
+#endif
+
 // For the rare line whose function name is not the one of the function it stands in.
 #define KEST_LOG_AS(functionName, level, errnoValue, ...)                                         \
     do {                                                                                          \
-        static constexpr ::kest::utils::detail::SourceName kSourceName(__FILE__);                 \
+        static constexpr ::kest::utils::detail::SourceName kSourceName(KEST_SOURCE);              \
         logInternal("kest_utils", kSourceName.text, functionName, __LINE__, level, errnoValue, 0, \
                     __VA_ARGS__);                                                                 \
     } while (false)

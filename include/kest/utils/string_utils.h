@@ -85,4 +85,21 @@ KEST_API void split(const std::string& s, const std::string& delimiter,
 /// Fills `tv` with the wall-clock time (`gettimeofday`); null is left alone. @return `tv`.
 KEST_API timeval* now(timeval* tv);
 
+/// A time as 29 characters of ISO 8601 in UTC with milliseconds, truncated:
+/// "1970-01-01T00:00:00.999+00:00". Empty for null and for years that the form cannot hold.
+KEST_API std::string timevalToString(const timeval* tv);
+
+/// Reads the same form, with any offset up to 29:59 either way: "2020-01-01T12:00:00.250+02:00".
+/// @param text    need not be terminated; nothing beyond `length` is read.
+/// @param length  must be 29.
+/// @param tv      the time in UTC; untouched on failure.
+/// @return false when the text has another form, or when the time does not fit into `time_t`.
+KEST_API bool stringToTimeval(const char* text, unsigned int length, timeval* tv);
+
+/// The text of the on-screen time: the local time while the clock was synchronised within the last
+/// 24 hours (see isTimeSyncedLately()), else the time since boot as "1 days 02:03:04".
+/// @param fmt  strftime format of the local time; null or empty means "2020-01-01  12:00:00", two
+///             blanks between. An expansion of 256 bytes or more gives an empty text.
+KEST_API std::string generateOsdTimeString(const char* fmt);
+
 }  // namespace kest::utils

@@ -47,6 +47,14 @@ KEST_API int sleepNs(unsigned int n);
 /// "01:02:05". A negative duration shows the minus sign in each field that is not zero.
 KEST_API std::string timeToString(int seconds);
 
+/// Tells whether the system clock was synchronised within the last `seconds` seconds.
+///
+/// The moment of the last synchronisation, in milliseconds on the scale of nowMs(), stands as
+/// decimal text in "/etc/last_timesync_monotonic_ts", which another component writes; changes of
+/// the wall clock do not matter. Without the file the answer is no. Negative `seconds` move the
+/// window into the past. Logs when the file cannot be read or holds no moment.
+KEST_API bool isTimeSyncedLately(int seconds);
+
 namespace kest::utils {
 
 /// Tells whether a TCP server accepts connections at the first IPv4 address of `host`.

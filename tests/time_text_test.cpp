@@ -1,0 +1,125 @@
+#include <gmock/gmock.h>
+#include <kest/utils/string_utils.h>
+#include <kest/utils/timer.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <memory>
+#include <string>
+
+#include "support/clean_test.h"
+#include "support/isolated.h"
+#include "support/log_capture.h"
+#include "support/temp_dir.h"
+
+namespace {
+
+using kest::test::Isolated;
+using kest::test::logTexts;
+using kest::test::writeFile;
+using kest::utils::generateOsdTimeString;
+using kest::utils::stringToTimeval;
+using kest::utils::timevalToString;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::MatchesRegex;
+
+constexpr char kMarker[] = "/etc/last_timesync_monotonic_ts";
+
+// From a block of exactly that size: a read beyond it does not go unseen.
+bool parse(const std::string& text, timeval& tv) {
+    const std::unique_ptr<char[]> exact(new char[text.size()]);
+    text.copy(exact.get(), text.size());
+    return stringToTimeval(exact.get(), static_cast<unsigned>(text.size()), &tv);
+}
+
+TEST(TimeText, StampsAreWrittenAndReadBack) {
+    const struct {
+        const char* text;
+        long long seconds;
+        long us;
+        const char* utc;
+    } cases[] = {
+        {"1970-01-01T00:00:00.999+00:00", 0, 999000, nullptr},
+        {"1969-12-31T23:59:59.000+00:00", -1, 0, nullptr},
+        {"2020-01-01T12:00:00.250+02:00", 1577872800, 250000, "2020-01-01T10:00:00.250+00:00"},
+        {"2020-01-01T12:00:00.250-02:30", 1577889000, 250000, "2020-01-01T14:30:00.250+00:00"},
+        {"2020-01-01T00:00:00.007+29:59", 1577728860, 7000, "2019-12-30T18:01:00.007+00:00"},
+        {"2020-02-29T23:59:60.000+00:00", 1583020800, 0, "2020-03-01T00:00:00.000+00:00"},
+    };
+    for (const auto& c : cases) {
+        timeval tv = {};
+        ASSERT_TRUE(parse(c.text, tv)) << c.text;
+        EXPECT_EQ(c.seconds, tv.tv_sec) << c.text;
+        EXPECT_EQ(c.us, tv.tv_usec) << c.text;
+        EXPECT_EQ(c.utc == nullptr ? c.text : c.utc, timevalToString(&tv));
+    }
+    const timeval truncated = {0, 999999};
+    EXPECT_EQ("1970-01-01T00:00:00.999+00:00", timevalToString(&truncated));
+    EXPECT_EQ("", timevalToString(nullptr));
+    if (sizeof(time_t) > 4) {
+        const timeval year10000 = {static_cast<time_t>(253402300800), 0};
+        EXPECT_EQ("", timevalToString(&year10000));
+    }
+}
+
+TEST(TimeText, OtherFormsAreRefusedAndTouchNothing) {
+    const std::string good = "2020-01-01T12:00:00.250+02:00";
+    timeval tv = {11, 22};
+    for (size_t length = 0; length < good.size(); ++length) {
+        EXPECT_FALSE(parse(good.substr(0, length), tv)) << length;
+    }
+    // Each of these characters where it does not belong.
+    const struct {
+        size_t at;
+        char c;
+    } spoilt[] = {{4, '/'},  {10, ' '}, {12, ':'}, {17, '7'}, {19, ','}, {22, 'x'},
+                  {23, 'Z'}, {24, '3'}, {25, ':'}, {26, '.'}, {27, '6'}, {28, '\0'}};
+    for (const auto& s : spoilt) {
+        std::string text = good;
+        text[s.at] = s.c;
+        EXPECT_FALSE(parse(text, tv)) << text;
+    }
+    EXPECT_FALSE(parse(good + "0", tv));
+    EXPECT_FALSE(stringToTimeval(nullptr, 29, &tv));
+    EXPECT_EQ(11, tv.tv_sec);
+    EXPECT_EQ(22, tv.tv_usec);
+}
+
+TEST(TimeSync, MarkerDecides) {
+    Isolated().empty("/etc").run([] {
+        EXPECT_FALSE(isTimeSyncedLately(3600));
+        EXPECT_THAT(logTexts(), IsEmpty());
+        for (const char* bad : {"0", "abc\n", ""}) {
+            writeFile(kMarker, bad);
+            EXPECT_FALSE(isTimeSyncedLately(3600));
+        }
+        EXPECT_THAT(logTexts(), ElementsAre("Timesync timestamp file contents invalid: '0'",
+                                            "Timesync timestamp file contents invalid: 'abc\n'",
+                                            "Timesync timestamp file contents invalid: ''"));
+        writeFile(kMarker, " " + std::to_string(nowMs() - 2000) + " ms\n");
+        EXPECT_TRUE(isTimeSyncedLately(3600));
+        EXPECT_FALSE(isTimeSyncedLately(1));
+        EXPECT_FALSE(isTimeSyncedLately(-1));
+        ASSERT_EQ(0, unlink(kMarker));
+        ASSERT_EQ(0, symlink("/etc", kMarker));
+        EXPECT_FALSE(isTimeSyncedLately(3600));
+        EXPECT_EQ("Failed to open timesync timestamp", logTexts().back());
+    });
+}
+
+TEST(TimeText, OverlayShowsUptimeUntilTheClockIsTrusted) {
+    Isolated().empty("/etc").run([] {
+        EXPECT_THAT(generateOsdTimeString("%Y"),
+                    MatchesRegex("[0-9]+ days [0-2][0-9]:[0-5][0-9]:[0-5][0-9]"));
+        writeFile(kMarker, std::to_string(nowMs()));
+        setenv("TZ", "XXX-3", 1);
+        EXPECT_EQ("XXX", generateOsdTimeString("%Z"));
+        EXPECT_THAT(generateOsdTimeString(nullptr), MatchesRegex("[0-9-]{10}  [0-9:]{8}"));
+        EXPECT_EQ(20u, generateOsdTimeString("").size());
+        EXPECT_EQ("", generateOsdTimeString(std::string(300, 'x').c_str()));
+    });
+}
+
+}  // namespace
