@@ -1,0 +1,22 @@
+// The part that printed backtraces and crash reports have in common. For signal handlers: no
+// allocation, no stdio, only write(2).
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include <kest/utils/memorymap.h>
+
+namespace kest::utils::detail {
+
+// "0x" and eight upper-case digits, as reports show addresses and signal numbers.
+constexpr size_t kHexLength = 10;
+void formatHex(char* out, uint32_t value);
+
+// Writes everything unless the descriptor fails; that is not reported.
+void writeAll(int fd, const char* text, size_t length);
+
+// The sections "STACK TRACE" and "MEMORY MAP". For frame and context see StackWalk.
+void writeBacktrace(int fd, const MemoryMap& map, const void* frame, const void* context);
+
+}  // namespace kest::utils::detail
