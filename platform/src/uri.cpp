@@ -2,7 +2,6 @@
 
 #include <arpa/inet.h>
 
-#include <algorithm>
 #include <charconv>
 
 namespace kest::variant {
@@ -86,7 +85,11 @@ bool parseHost(std::string_view& authority, URI& uri) {
     if (!authority.empty() && authority[0] == '[') {
         host = takeUntil(authority, "]").substr(1);
         in6_addr address = {};
-        if (authority.empty() || inet_pton(AF_INET6, host.c_str(), &address) != 1) return false;
+        // The system's parser would stop at a NUL and let pass what follows.
+        if (authority.empty() || !isText(host, ":") ||
+            inet_pton(AF_INET6, host.c_str(), &address) != 1) {
+            return false;
+        }
         authority.remove_prefix(1);
     } else {
         host = takeUntil(authority, ":");

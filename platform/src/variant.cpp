@@ -29,41 +29,40 @@ bool parseWhole(std::string_view text, T& number) {
     return error == std::errc() && stop == end;
 }
 
-Variant parseNumber(std::string_view text) {
-    if (text.size() > 1 && text[0] == '+' && text[1] != '-') text.remove_prefix(1);
-    int64_t number = 0;
-    if (parseWhole(text, number)) return number;
-    uint64_t large = 0;
-    if (parseWhole(text, large)) return large;
-    // The C library would look for the decimal point of the user's language.
-    Variant fraction;
-    const bool numeric = text.find_first_not_of("0123456789+-.eE") == std::string_view::npos;
-    return numeric && Variant::FromJson(text, fraction) ? fraction : Variant(0);
-}
-
-// The value as one of the three number types.
-Variant numberOf(const Variant& value) {
-    switch (static_cast<VariantType>(value)) {
-        case VariantType::Int64:
-        case VariantType::UInt64:
-        case VariantType::Double:
-            return value;
-        case VariantType::Bool:
-            return value ? 1 : 0;
-        case VariantType::String:
-            return parseNumber(static_cast<const std::string&>(value));
-        case VariantType::TimeVal: {
-            const timeval& time = value;
-            return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
-        }
-        default:
-            return 0;
-    }
-}
-
 const Variant kNull;
 
 }  // namespace
+
+struct Variant::Number {
+    std::variant<int64_t, uint64_t, double> value;
+
+    static Number Parse(std::string_view text) {
+        if (text.size() > 1 && text[0] == '+' && text[1] != '-') text.remove_prefix(1);
+        int64_t number = 0;
+        if (parseWhole(text, number)) return {number};
+        uint64_t large = 0;
+        if (parseWhole(text, large)) return {large};
+        // The C library would look for the decimal point of the user's language.
+        Variant fraction;
+        if (text.find_first_not_of("0123456789+-.eE") == std::string_view::npos) {
+            FromJson(text, fraction);
+        }
+        return fraction.ToNumber();
+    }
+};
+
+Variant::Number Variant::ToNumber() const {
+    if (const auto* number = std::get_if<int64_t>(&value_)) return {*number};
+    if (const auto* large = std::get_if<uint64_t>(&value_)) return {*large};
+    if (const auto* real = std::get_if<double>(&value_)) return {*real};
+    if (const auto* text = std::get_if<std::string>(&value_)) return Number::Parse(*text);
+    if (const auto* time = std::get_if<timeval>(&value_)) {
+        const auto seconds = static_cast<double>(time->tv_sec);
+        return {seconds + static_cast<double>(time->tv_usec) / 1e6};
+    }
+    const bool* truth = std::get_if<bool>(&value_);
+    return {int64_t{truth != nullptr && *truth}};
+}
 
 Variant::Box::Box() : object(std::make_unique<Object>()) {}
 
@@ -72,15 +71,15 @@ Variant::Box::Box(const Box& other) : object(std::make_unique<Object>(*other.obj
 Variant::Variant(const char* text)
     : value_(std::in_place_type<std::string>, text != nullptr ? text : "") {}
 
-Variant::Variant(std::string text) noexcept
-    : value_(std::in_place_type<std::string>, std::move(text)) {}
+Variant::Variant(std::string text) noexcept : value_(std::move(text)) {}
 
 Variant::Variant(const timeval& time) noexcept : value_(time) {}
 
 Variant::Variant(const Variant& other) = default;
 
-Variant::Variant(Variant&& other) noexcept
-    : value_(std::exchange(other.value_, std::monostate())) {}
+Variant::Variant(Variant&& other) noexcept {
+    value_.swap(other.value_);
+}
 
 Variant::~Variant() = default;
 
@@ -94,7 +93,8 @@ bool Variant::IsInteger() const noexcept {
 }
 
 void Variant::Free() noexcept {
-    value_ = std::monostate();
+    Variant old;
+    value_.swap(old.value_);
 }
 
 void Variant::IsArray(bool array) {
@@ -105,17 +105,20 @@ void Variant::IsArray(bool array) {
     }
 }
 
-Variant& Variant::operator[](const char* key) {
-    const std::string_view name = key != nullptr ? key : "";
-    if (Variant* found = Find(name)) return *found;
+Variant& Variant::Insert(std::string_view key) {
     IsArray(false);
-    return std::get_if<Box>(&value_)->object->try_emplace(std::string(name)).first->second;
+    Object& members = *std::get_if<Box>(&value_)->object;
+    const auto at = members.lower_bound(key);
+    if (at != members.end() && at->first == key) return at->second;
+    return members.emplace_hint(at, key, nullptr)->second;
+}
+
+Variant& Variant::operator[](const char* key) {
+    return Insert(key != nullptr ? key : "");
 }
 
 Variant& Variant::operator[](const std::string& key) {
-    if (Variant* found = Find(key)) return *found;
-    IsArray(false);
-    return std::get_if<Box>(&value_)->object->try_emplace(key).first->second;
+    return Insert(key);
 }
 
 const Variant& Variant::operator[](const char* key) const noexcept {
@@ -191,37 +194,36 @@ bool Variant::ToBool() const {
 }
 
 int64_t Variant::ToSigned() const {
-    const Variant number = numberOf(*this);
-    if (const auto* real = std::get_if<double>(&number.value_)) return truncateSigned(*real);
-    if (const auto* large = std::get_if<uint64_t>(&number.value_)) {
-        return static_cast<int64_t>(*large);
-    }
-    return *std::get_if<int64_t>(&number.value_);
+    const Number number = ToNumber();
+    if (const auto* real = std::get_if<double>(&number.value)) return truncateSigned(*real);
+    if (const auto* whole = std::get_if<int64_t>(&number.value)) return *whole;
+    return static_cast<int64_t>(*std::get_if<uint64_t>(&number.value));
 }
 
 uint64_t Variant::ToUnsigned() const {
-    const Variant number = numberOf(*this);
-    if (const auto* real = std::get_if<double>(&number.value_)) return truncateUnsigned(*real);
-    return static_cast<uint64_t>(number.ToSigned());
+    const Number number = ToNumber();
+    if (const auto* real = std::get_if<double>(&number.value)) return truncateUnsigned(*real);
+    if (const auto* whole = std::get_if<uint64_t>(&number.value)) return *whole;
+    return static_cast<uint64_t>(*std::get_if<int64_t>(&number.value));
 }
 
 int64_t Variant::ToRange(int64_t low, int64_t high) const {
-    const Variant number = numberOf(*this);
-    const auto* large = std::get_if<uint64_t>(&number.value_);
+    const Number number = ToNumber();
+    const auto* large = std::get_if<uint64_t>(&number.value);
     if (large != nullptr && *large > static_cast<uint64_t>(kMaxSigned)) return high;
-    return std::clamp(number.ToSigned(), low, high);
+    return std::clamp(ToSigned(), low, high);
 }
 
 double Variant::ToDouble() const {
-    const Variant number = numberOf(*this);
-    if (const auto* real = std::get_if<double>(&number.value_)) return *real;
-    if (const auto* large = std::get_if<uint64_t>(&number.value_)) {
+    const Number number = ToNumber();
+    if (const auto* whole = std::get_if<int64_t>(&number.value)) return static_cast<double>(*whole);
+    if (const auto* large = std::get_if<uint64_t>(&number.value)) {
         return static_cast<double>(*large);
     }
-    return static_cast<double>(number.ToSigned());
+    return *std::get_if<double>(&number.value);
 }
 
-bool operator==(const Variant& a, const Variant& b) noexcept {
+bool operator==(const Variant& a, const Variant& b) {
     if (a.IsInteger() && b.IsInteger()) {
         // The same bits are the same number unless they are a negative one's on one side only.
         const auto negative = [](const Variant& value) {

@@ -13,7 +13,6 @@ namespace {
 
 using nlohmann::json;
 
-constexpr unsigned kDepthCap = 1000;
 constexpr int64_t kMicrosecondsPerSecond = 1000000;
 constexpr uint64_t kMaxSigned = std::numeric_limits<int64_t>::max();
 
@@ -36,7 +35,7 @@ class Writer {
     void write(const Variant& value, unsigned depth) {
         const unsigned wrap = tag(value) != nullptr ? 1 : 0;
         const unsigned inner = depth + wrap + (nests(value) ? 1 : 0);
-        if (inner > JsonLimits().depth) {
+        if (inner > JsonLimits::kMaxDepth) {
             out_ += "null";
             return;
         }
@@ -163,7 +162,7 @@ class Writer {
 class Builder final : public json::json_sax_t {
   public:
     explicit Builder(const JsonLimits& limits)
-        : depth_(std::min(limits.depth, kDepthCap)), left_(limits.values) {}
+        : depth_(std::min(limits.depth, JsonLimits::kMaxDepth)), left_(limits.values) {}
 
     Variant& root() { return root_; }
     bool sawTag() const { return sawTag_; }
@@ -191,7 +190,7 @@ class Builder final : public json::json_sax_t {
     }
 
     bool parse_error(size_t /*position*/, const std::string& /*token*/,
-                     const nlohmann::detail::exception& /*error*/) override {
+                     const json::exception& /*error*/) override {
         return false;
     }
 
@@ -281,7 +280,7 @@ void resolveTags(Variant& value) {
             return;
         }
         if (tag == kObjectTag && content == VariantType::Object) {
-            Variant literal = content;
+            Variant literal = std::move(*value.Find(kObjectTag));
             value = std::move(literal);
         }
     }
@@ -289,7 +288,8 @@ void resolveTags(Variant& value) {
         resolveTags(*value.At(i));
     }
     for (const auto& entry : value.Members()) {
-        resolveTags(*value.Find(entry.first));
+        // A look-up by the key would give the same, more slowly.
+        resolveTags(const_cast<Variant&>(entry.second));
     }
 }
 
@@ -302,7 +302,9 @@ std::string Variant::ToJson(JsonStyle style) const {
 }
 
 bool Variant::FromJson(std::string_view text, Variant& value, const JsonLimits& limits) {
-    if (text.empty() || text.size() > limits.bytes) return false;
+    if (text.size() > limits.bytes) return false;
+    // The parser takes a NUL for the end and would let pass what follows.
+    if (text.find('\0') != std::string_view::npos) return false;
     Builder builder(limits);
     if (!json::sax_parse(text.data(), text.data() + text.size(), &builder)) return false;
     if (builder.sawTag()) resolveTags(builder.root());

@@ -36,9 +36,11 @@ enum class JsonStyle {
 /// What Variant::FromJson() accepts at most, so that a hostile document exhausts neither memory nor
 /// stack.
 struct JsonLimits {
-    size_t bytes = 1024 * 1024;  ///< Length of the text.
-    unsigned depth = 64;         ///< Arrays and objects in one another; above 1000 counts as 1000.
-    size_t values = 65536;       ///< Arrays, objects and what they hold, all together.
+    static constexpr unsigned kMaxDepth = 256;
+
+    size_t bytes = size_t{1} << 20;  ///< Length of the text.
+    unsigned depth = 64;             ///< Arrays and objects in one another; kMaxDepth at most.
+    size_t values = 65536;           ///< Arrays, objects and what they hold, all together.
 };
 
 /// A value of one of the types of VariantType. Copies are deep, moves cheap; a moved-from value is
@@ -162,7 +164,7 @@ class KEST_PLATFORM_API Variant {
     operator const timeval&() const noexcept;
 
     /// The value as one line of JSON (RFC 8259); docs/variant.md has the table. Bytes that are not
-    /// UTF-8 become U+FFFD, and what lies deeper than JsonLimits' default becomes null.
+    /// UTF-8 become U+FFFD, and what lies deeper than JsonLimits::kMaxDepth becomes null.
     std::string ToJson(JsonStyle style = JsonStyle::Exact) const;
 
     /// Reads a JSON text that is nothing but one value.
@@ -172,18 +174,18 @@ class KEST_PLATFORM_API Variant {
                          const JsonLimits& limits = JsonLimits());
 
     /// Equal types and values; integers compare by value, whether signed or not.
-    friend KEST_PLATFORM_API bool operator==(const Variant& a, const Variant& b) noexcept;
-    friend bool operator!=(const Variant& a, const Variant& b) noexcept { return !(a == b); }
+    friend KEST_PLATFORM_API bool operator==(const Variant& a, const Variant& b);
+    friend bool operator!=(const Variant& a, const Variant& b) { return !(a == b); }
     template <typename T, IfNumber<T> = 0>
-    friend bool operator==(const Variant& a, T b) noexcept {
+    friend bool operator==(const Variant& a, T b) {
         return a == Variant(b);
     }
     template <typename T, IfNumber<T> = 0>
-    friend bool operator==(T a, const Variant& b) noexcept {
+    friend bool operator==(T a, const Variant& b) {
         return Variant(a) == b;
     }
     template <typename T, IfNumber<T> = 0>
-    friend bool operator!=(const Variant& a, T b) noexcept {
+    friend bool operator!=(const Variant& a, T b) {
         return !(a == Variant(b));
     }
 
@@ -198,6 +200,10 @@ class KEST_PLATFORM_API Variant {
         std::unique_ptr<Object> object;
     };
 
+    Variant& Insert(std::string_view key);
+
+    struct Number;
+    Number ToNumber() const;
     bool ToBool() const;
     int64_t ToSigned() const;
     uint64_t ToUnsigned() const;
