@@ -26,9 +26,9 @@ class PassReclaimer;
 /// @code
 ///     kest::utils::Scheduler scheduler;
 ///     if (!scheduler.Init()) return 1;
-///     scheduler.AddIOTask(fd, EPOLLIN, [](int fd, int events, void*) { ...; return true; },
-///     nullptr); scheduler.AddTimerTask(1000, [](void*) { ...; return true; }, nullptr); while
-///     (running) scheduler.Service();
+///     scheduler.AddIOTask(fd, EPOLLIN, [](int, int events, void*) { return serve(events); }, arg);
+///     scheduler.AddTimerTask(1000, [](void*) { return tick(); }, arg);
+///     while (running) scheduler.Service();
 /// @endcode
 ///
 /// **Ids.** Tasks are named by ids from one counter that restarts at 1 with every Init(); 0 is
@@ -39,12 +39,12 @@ class PassReclaimer;
 /// ignored: a task stays until it is removed. A callback may remove its own or any other task, add
 /// tasks, call Stop(), Init() and Service(). A task removed in a pass is not called any more in
 /// that pass, and what its callback captured lives until the pass is over; outside a pass it is
-/// released at once. A callback must not destroy the scheduler.
+/// released at once. A callback must not destroy the scheduler. Its exception leaves Service();
+/// what else was ready is reported again by the next pass.
 ///
 /// **Other threads.** A task that another thread removes may be entered once more if Service() was
-/// about to call it. Stop() does not wake a thread that waits in Service(): register a pipe or
-/// timer for that. An exception of a callback leaves Service(); what else was ready is reported
-/// again by the next pass.
+/// about to call it. A thread that waits in Service() wakes up when another one calls Stop() or
+/// Init(), unless the process has no descriptor left for that.
 ///
 /// Each failure writes one log line, as named with each function.
 class KEST_API Scheduler {
@@ -78,8 +78,7 @@ class KEST_API Scheduler {
 
     /// Watches a descriptor.
     /// @param fd        stays the caller's; remove the task before closing it.
-    /// @param mode      epoll event mask, passed on unchanged (`EPOLLIN`, `EPOLLOUT`, `EPOLLET`,
-    /// ...).
+    /// @param mode      epoll event mask, passed on unchanged (`EPOLLIN`, `EPOLLOUT`, ...).
     /// @param callback  gets the descriptor, the events that the kernel reported (`EPOLLERR` and
     ///                  `EPOLLHUP` also unasked) and `arg`. An empty one throws out of Service().
     /// @param arg       passed to the callback as it is; never touched.
