@@ -30,6 +30,15 @@ class Daemon:
         self.arriving = queue.Queue()
         threading.Thread(target=self._read, daemon=True).start()
 
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        # Only a run that failed has not waited for the daemon's end.
+        if self.process.poll() is None:
+            self.process.kill()
+            self.process.wait()
+
     def _read(self):
         for line in self.process.stdout:
             self.arriving.put(line.rstrip("\n"))
@@ -119,24 +128,27 @@ def feed(daemon):
     }
 
 
+def check(daemon, expected):
+    """Compares the summary of a daemon that was asked to end, and its exit status."""
+    summary = daemon.wait_for(r"^summary: (.*)$")[1]
+    counts = {k: int(v) for k, v in (item.split("=") for item in summary.split())}
+    expected["ticks"] = sum(line.startswith("timer: tick") for line in daemon.seen)
+    wrong = {k: (v, counts.get(k)) for k, v in expected.items() if counts.get(k) != v}
+    status = daemon.process.wait(timeout=PATIENCE_S)
+    if wrong or status != 0:
+        sys.exit(f"demo: exit status {status}, counts (fed, handled) that differ: {wrong}")
+
+
 def main():
     with tempfile.TemporaryDirectory() as folder:
         options = ("--tick-ms=300", "--one-shot-ms=200", f"--state={folder}/state")
         for run, end in ((1, signal.SIGTERM), (2, signal.SIGINT)):
             print(f"--- run {run}", flush=True)
-            daemon = Daemon(sys.argv[1], *options)
-            daemon.wait_for(rf"^state: start number {run}$")
-            expected = feed(daemon)
-            daemon.signal(end)
-            summary = daemon.wait_for(r"^summary: (.*)$")[1]
-            counts = {k: int(v) for k, v in (item.split("=") for item in summary.split())}
-            wrong = {k: (v, counts.get(k)) for k, v in expected.items() if counts.get(k) != v}
-            ticks = sum(line.startswith("timer: tick") for line in daemon.seen)
-            if counts.get("ticks") != ticks:
-                wrong["ticks"] = (ticks, counts.get("ticks"))
-            status = daemon.process.wait(timeout=PATIENCE_S)
-            if wrong or status != 0:
-                sys.exit(f"demo: exit status {status}, counts (fed, handled) that differ: {wrong}")
+            with Daemon(sys.argv[1], *options) as daemon:
+                daemon.wait_for(rf"^state: start number {run}$")
+                expected = feed(daemon)
+                daemon.signal(end)
+                check(daemon, expected)
     print("demo: every count is what was fed, exit status 0")
 
 
