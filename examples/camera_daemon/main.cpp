@@ -59,6 +59,13 @@ bool apply(int option, const char* value, Options& options) {
     }
 }
 
+// The exit status for a command line that makes no sense. What getopt does not know it has named.
+int refuse(const char* argument) {
+    if (argument != nullptr) fprintf(stderr, "camera_daemon: cannot use \"%s\"\n\n", argument);
+    fputs(kUsage, stderr);
+    return 2;
+}
+
 // Exit status with which to end at once, or -1 to go on.
 int parse(int argc, char** argv, Options& options) {
     static const option kOptions[] = {{"udp-port", required_argument, nullptr, 'u'},
@@ -73,12 +80,10 @@ int parse(int argc, char** argv, Options& options) {
             fputs(kUsage, stdout);
             return 0;
         }
-        if (!apply(c, optarg, options)) {
-            fputs(kUsage, stderr);
-            return 2;
-        }
+        if (c == '?') return refuse(nullptr);
+        if (!apply(c, optarg, options)) return refuse(optarg);
     }
-    return -1;
+    return optind < argc ? refuse(argv[optind]) : -1;
 }
 
 }  // namespace
