@@ -155,7 +155,7 @@ std::string escapeShellArg(const std::string& arg) {
 bool utf8_to_utf32(const std::string& in, std::vector<uint32_t>& out) {
     // One unit more than bytes: room for a byte-order mark.
     out.assign(in.size() + 1, 0);
-    const iconv_t converter = iconv_open("UTF-32", "UTF-8");
+    iconv_t converter = iconv_open("UTF-32", "UTF-8");
     if (converter == reinterpret_cast<iconv_t>(-1)) {
         KEST_LOG(KEST_ERROR, errno, "Failed to initialize iconv");
         return false;
