@@ -164,7 +164,10 @@ bool Scheduler::Service() {
     epoll_event ready[kEventsPerPass];
     const int count = epoll_wait(epoll_.load(), ready, kEventsPerPass, -1);
     if (count == -1) {
-        KEST_LOG(KEST_ERROR, errno, "Failed to wait epoll");
+        // Callers tell an interruption by errno, whatever a device's logging does to it.
+        const int error = errno;
+        KEST_LOG(KEST_ERROR, error, "Failed to wait epoll");
+        errno = error;
         return false;
     }
     for (int i = 0; i < count; ++i) {
@@ -268,7 +271,10 @@ bool Scheduler::removeIoTask(unsigned long long id, std::unique_ptr<TimeoutTask>
     {
         const std::lock_guard<std::mutex> guard(lock_);
         const auto entry = findTask(ioTasks_, id);
-        if (entry != ioTasks_.end()) {
+        // Ids start again with Init(): another thread may meanwhile have given that of a timer to
+        // another task.
+        if (entry != ioTasks_.end() &&
+            (removed.timeout == nullptr || entry->second->arg == removed.timeout.get())) {
             removed.io = std::move(entry->second);
             ioTasks_.erase(entry);
             epollFd = epoll_.load();
