@@ -17,6 +17,8 @@ namespace {
 
 constexpr unsigned int kLargestDatagram = 0x10000;
 constexpr unsigned int kRowBytes = 16;
+constexpr unsigned int kReachAheadFrom = 0x80000;
+constexpr size_t kStepWorthPreparing = 0x10000;
 
 // The way out of every failed allocation. forceCrash() may return.
 bool outOfMemory(const char* operation, int error) {
@@ -26,8 +28,28 @@ bool outOfMemory(const char* operation, int error) {
     return false;
 }
 
-void* mapPages(unsigned int size) {
-    return mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+// Length of the mapping that holds a buffer of that size. A large one reaches ahead by up to 1/64,
+// so that growing by little does not ask the kernel each time.
+size_t mappingLength(unsigned int size) {
+    if (size < kReachAheadFrom) return size;
+    const size_t step = (size_t{1} << (31 - __builtin_clz(size))) / 64;
+    return (size + step - 1) / step * step;
+}
+
+void* mapNew(unsigned int size) {
+    return mmap(nullptr, mappingLength(size), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS,
+                -1, 0);
+}
+
+// Of a buffer that grows step by step, the pages of a step are about to be used: bringing them in
+// together takes less time than a fault for each. Older kernels refuse, which does no harm.
+void prepareStep(unsigned char* storage, size_t before, size_t after) {
+#ifdef MADV_POPULATE_WRITE
+    if (after < before + kStepWorthPreparing || after - before > before / 32) return;
+    madvise(storage + before, after - before, MADV_POPULATE_WRITE);
+#else
+    (void)storage, (void)before, (void)after;
+#endif
 }
 
 std::string offsetLabel(unsigned int offset) {
@@ -68,7 +90,7 @@ IOBuffer::IOBuffer(std::string const& name)
     : name_(name), pageSize_(static_cast<unsigned int>(getpagesize())) {}
 
 IOBuffer::~IOBuffer() {
-    if (data_ != nullptr) munmap(data_, size_);
+    if (data_ != nullptr) munmap(data_, mappingLength(size_));
 }
 
 bool IOBuffer::grow(unsigned int n) {
@@ -77,22 +99,41 @@ bool IOBuffer::grow(unsigned int n) {
         MoveData();
         if (n <= size_ - published_) return true;
     }
-    const uint64_t pages = (uint64_t{n} + live + pageSize_ - 1) / pageSize_;
-    const uint64_t wanted = pages * pageSize_;
+    const uint64_t wanted = (uint64_t{n} + live + pageSize_ - 1) & ~uint64_t{pageSize_ - 1};
     if (wanted > UINT32_MAX) return outOfMemory("EnsureSize", ENOMEM);
     const auto newSize = static_cast<unsigned int>(wanted);
+    // What MoveData() left because it overlaps needs no other mapping, unless there is to be a
+    // larger one.
+    if (newSize <= size_) rebase(data_);
+    if (data_ != nullptr && consumed_ == 0) return resize(newSize, "EnsureSize");
 
-    const bool inPlace = consumed_ == 0 && data_ != nullptr;
-    void* const storage =
-        inPlace ? mremap(data_, size_, newSize, MREMAP_MAYMOVE) : mapPages(newSize);
+    void* const storage = mapNew(newSize);
     if (storage == MAP_FAILED) return outOfMemory("EnsureSize", errno);
-    if (!inPlace) {
-        if (live > 0) memcpy(storage, Begin(), live);
-        if (data_ != nullptr) munmap(data_, size_);
-        published_ = live;
-        consumed_ = 0;
+    unsigned char* const old = data_;
+    rebase(static_cast<unsigned char*>(storage));
+    if (old != nullptr) munmap(old, mappingLength(size_));
+    size_ = newSize;
+    return true;
+}
+
+// Takes the valid data to the start of a storage, which becomes the buffer's own.
+void IOBuffer::rebase(unsigned char* storage) {
+    const unsigned int live = Available();
+    if (live > 0) memmove(storage, Begin(), live);
+    data_ = storage;
+    published_ = live;
+    consumed_ = 0;
+}
+
+bool IOBuffer::resize(unsigned int newSize, const char* operation) {
+    const size_t before = mappingLength(size_);
+    const size_t after = mappingLength(newSize);
+    if (before != after) {
+        void* const storage = mremap(data_, before, after, MREMAP_MAYMOVE);
+        if (storage == MAP_FAILED) return outOfMemory(operation, errno);
+        data_ = static_cast<unsigned char*>(storage);
+        prepareStep(data_, before, after);
     }
-    data_ = static_cast<unsigned char*>(storage);
     size_ = newSize;
     return true;
 }
@@ -101,21 +142,11 @@ void IOBuffer::shrink() {
     KEST_LOG_AS("Recycle", KEST_WARNING, 0,
                 "IOB: free space limit exceeded. Shrinking `%s` buffer space: %u -> %u",
                 name_.c_str(), size_, freeSpaceLimit_);
-    void* const storage = mremap(data_, size_, freeSpaceLimit_, MREMAP_MAYMOVE);
-    if (storage == MAP_FAILED) {
-        outOfMemory("Recycle", errno);
-        return;
-    }
-    data_ = static_cast<unsigned char*>(storage);
-    size_ = freeSpaceLimit_;
+    resize(freeSpaceLimit_, "Recycle");
 }
 
 bool IOBuffer::MoveData() {
-    const unsigned int live = Available();
-    if (consumed_ < live) return true;
-    if (live > 0) memcpy(data_, Begin(), live);
-    published_ = live;
-    consumed_ = 0;
+    if (consumed_ >= Available()) rebase(data_);
     return true;
 }
 
@@ -125,14 +156,16 @@ bool IOBuffer::owns(void const* from, size_t n) const {
     return begin < storage + size_ && storage < begin + n;
 }
 
-// Room is made by moving what the buffer holds, so a source inside it is taken out first.
 bool IOBuffer::growAndAppend(unsigned char const* src, unsigned int n) {
     if (n == 0) return true;
-    if (owns(src, n)) {
-        IOBuffer copy(name_);
-        return copy.ReadFromBuffer(src, n) && ReadFromBuffer(copy.Begin(), n);
-    }
+    if (owns(src, n)) return appendOwn(src, n);
     return grow(n) && ReadFromBuffer(src, n);
+}
+
+// Making room moves what the buffer holds, so the source is taken out first.
+bool IOBuffer::appendOwn(unsigned char const* src, unsigned int n) {
+    IOBuffer copy(name_);
+    return copy.ReadFromBuffer(src, n) && ReadFromBuffer(copy.Begin(), n);
 }
 
 bool IOBuffer::ReadFromBuffer(iovec const* vec, int count, unsigned int skip) {

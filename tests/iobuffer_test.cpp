@@ -8,27 +8,35 @@
 #include "support/clean_test.h"
 #include "support/log_capture.h"
 
-using kest::test::logTexts;
-
-static int noMemory = 0, crashes = 0;
-template <typename Function, typename... Args>
-static void* allocate(Function, const char* name, Args... args) {
-    errno = ENOMEM;
-    return noMemory ? MAP_FAILED : reinterpret_cast<Function>(dlsym(RTLD_NEXT, name))(args...);
-}
+static size_t noMemory = 0, crashes = 0, mapped = 0;
 extern "C" void forceCrash() {
     ++crashes;
 }
+template <typename Function, typename... Args>
+static void* allocate(Function, const char* name, size_t more, Args... args) {
+    errno = ENOMEM;
+    if (noMemory) return MAP_FAILED;
+    mapped += more;
+    return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name))(args...);
+}
 extern "C" void* mmap(void* at, size_t n, int protection, int flags, int fd, off_t from) noexcept {
-    return allocate(&mmap, "mmap64", at, n, protection, flags, fd, from);
+    return allocate(&mmap, "mmap64", n, at, n, protection, flags, fd, from);
 }
 extern "C" void* mremap(void* at, size_t before, size_t after, int flags, ...) noexcept {
-    return allocate(&mremap, "mremap", at, before, after, flags);
+    return allocate(&mremap, "mremap", after - before, at, before, after, flags);
+}
+extern "C" int munmap(void* at, size_t n) noexcept {
+    mapped -= n;
+    return reinterpret_cast<decltype(&munmap)>(dlsym(RTLD_NEXT, "munmap"))(at, n);
 }
 
 namespace {
 
-struct IOBufferTest : kest::test::CleanTest {
+struct NothingLeftMapped {
+    ~NothingLeftMapped() { EXPECT_EQ(0u, mapped); }
+};
+
+struct IOBufferTest : kest::test::CleanTest, NothingLeftMapped {
     const unsigned page = static_cast<unsigned>(getpagesize());
     kest::utils::IOBuffer buffer{"b"}, other{"other"};
     sockaddr_in from = {};
@@ -36,16 +44,16 @@ struct IOBufferTest : kest::test::CleanTest {
 };
 
 TEST_F(IOBufferTest, MovesOnlyWithoutOverlapAndShrinksWhenEmpty) {
-    buffer.ReadFromRepeat('x', 10), buffer.Ignore(4), buffer.MoveData();
-    EXPECT_EQ(4u, buffer.Consumed());
-    buffer.Ignore(2), buffer.MoveData(), buffer.EnsureSize(page - 3);
-    EXPECT_EQ(0u, buffer.Consumed());
+    buffer.ReadFromRepeat('x', 8), buffer.Ignore(3), buffer.MoveData();
+    EXPECT_EQ(3u, buffer.Consumed());
+    buffer.Ignore(1), buffer.MoveData();
+    EXPECT_TRUE(buffer.Consumed() == 0 && buffer.EnsureSize(page - 3));
     for (const unsigned limit : {0U, 2 * page, page + 1}) {
         EXPECT_EQ(2 * page, buffer.Capacity());
         buffer.SetFreeSpaceLimit(limit), buffer.Ignore(5);
     }
     EXPECT_EQ(page + 1, buffer.Capacity());
-    EXPECT_THAT(logTexts().at(0), testing::HasSubstr("Shrinking `b` buffer space: "));
+    EXPECT_THAT(kest::test::logTexts().at(0), testing::ContainsRegex("`b` buffer .*[57]$"));
 }
 
 // The same operations of random sizes on the buffer and on a string.
@@ -53,15 +61,15 @@ TEST_F(IOBufferTest, KeepsEveryByteInOrder) {
     const auto random = [](unsigned below) { return static_cast<unsigned>(rand()) % below; };
     std::string text, otherText;
     buffer.SetFreeSpaceLimit(page + 1);
-    for (int step = 0; step < 4000; ++step) {
-        const unsigned n = random(5000), skip = random(n + 1), gone = random(9 * n + 1);
-        const unsigned at = random(buffer.Available() + 1);
+    for (int step = 0; step < 2000; ++step) {
+        const unsigned n = random(step % 100 == 0 ? 5000000 : 5000), skip = random(n + 1);
+        const unsigned gone = random(9 * n + 1), at = random(buffer.Available() + 1);
         const unsigned length = std::min(n, buffer.Available() - at);
         std::string fresh(n, static_cast<char>(step)), own = text.substr(at, length);
         const iovec parts[] = {{fresh.data(), n}, {buffer.Begin() + at, length}};
         buffer.ReadFromBuffer(parts, 2, skip), buffer.ReadFromBuffer(buffer.Begin() + at, length);
         buffer.ReadFromRepeat('r', n), buffer.Ignore(gone);
-        text = (text + fresh.substr(skip) + own + own + std::string(n, 'r')).erase(0, gone);
+        text.append(fresh, skip, n).append(own).append(own).append(n, 'r').erase(0, gone);
         ASSERT_TRUE(text == std::string(buffer.Begin(), buffer.Begin() + buffer.Available()));
         ASSERT_EQ(text == otherText, buffer == other);
         buffer.Swap(other), text.swap(otherText), buffer.Swap(buffer);
@@ -69,7 +77,7 @@ TEST_F(IOBufferTest, KeepsEveryByteInOrder) {
 }
 
 TEST_F(IOBufferTest, WithoutMemoryLeavesTheDataAlone) {
-    const iovec huge = {nullptr, SIZE_MAX};
+    const iovec huge = {nullptr, UINT32_MAX + size_t{sizeof(size_t) > 4 ? 2 : 0}};
     buffer.ReadFromRepeat('x', 2 * page), buffer.Ignore(1), other.EnsureSize(1);
     EXPECT_FALSE(buffer.EnsureSize(UINT32_MAX) || buffer.EnsureSize(UINT32_MAX - 2 * page));
     EXPECT_FALSE(other.ReadFromBuffer(&huge, 1, 0));
@@ -78,9 +86,8 @@ TEST_F(IOBufferTest, WithoutMemoryLeavesTheDataAlone) {
     EXPECT_FALSE(buffer.ReadFromFd(-1, 9, got) || buffer.ReadFromTCPFd(-1, 9, got));
     EXPECT_FALSE(buffer.ReadFromUDPFd(-1, got, from));
     buffer.ReadFromRepeat('y', 9), noMemory = 0;
-    EXPECT_EQ(2 * page, buffer.Published());
-    EXPECT_THAT(logTexts(), testing::Each(testing::HasSubstr("allocate memory: (12) Cannot")));
-    EXPECT_EQ(9, crashes);
+    EXPECT_THAT(kest::test::logTexts(), testing::Each(testing::HasSubstr("memory: (12) Cannot")));
+    EXPECT_TRUE(crashes == 9 && buffer.Published() == 2 * page);
 }
 
 TEST_F(IOBufferTest, ReportsWhatDescriptorsDo) {
@@ -97,7 +104,7 @@ TEST_F(IOBufferTest, ReportsWhatDescriptorsDo) {
     EXPECT_TRUE(got == 0 && other.Available() == 20);
     EXPECT_FALSE(other.ReadFromFd(ends[0], 9, got) || other.ReadFromTCPFd(-1, 5, got) ||
                  other.ReadFromUDPFd(-1, got, from) || buffer.WriteToFd(-1, 5, got));
-    EXPECT_EQ(4u, logTexts().size());
+    EXPECT_EQ(4u, kest::test::logTexts().size());
     close(ends[0]), close(ends[1]);
 }
 

@@ -170,7 +170,10 @@ class KEST_API IOBuffer {
 
   private:
     bool grow(unsigned int n);
+    void rebase(unsigned char* storage);
+    bool resize(unsigned int newSize, const char* operation);
     bool growAndAppend(unsigned char const* src, unsigned int n);
+    bool appendOwn(unsigned char const* src, unsigned int n);
     void shrink();
     bool owns(void const* from, size_t n) const;
 
