@@ -161,12 +161,20 @@ class Memcpy {
     const unsigned char* end_ = memory_;
 };
 
-// The bytes to append begin in the middle of a page: the copy into the first page of a buffer is
-// then not slowed down by addresses that differ in their upper bits only, for no contestant.
+// A processor takes a load for dependent on an earlier store when their addresses differ in the
+// upper bits only. That copies run into this or not is chance; the bytes to append and the queues
+// stand in the middle of a page, so that copies to the start of one do not.
 const unsigned char* source() {
     static const unsigned char* const bytes = readyMemory(kFramedBytes) + 2048;
     return bytes;
 }
+
+template <typename Queue>
+struct Placed {
+    explicit Placed(size_t capacity) : queue(capacity) {}
+    alignas(4096) char lead[2048];
+    Queue queue;
+};
 
 void countBytes(benchmark::State& state, size_t perIteration) {
     state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(perIteration));
@@ -175,7 +183,8 @@ void countBytes(benchmark::State& state, size_t perIteration) {
 // A chunk in, a chunk out.
 template <typename Queue>
 void streamMemory(benchmark::State& state, size_t chunk) {
-    Queue queue(chunk);
+    Placed<Queue> placed(chunk);
+    Queue& queue = placed.queue;
     const unsigned char* const data = source();
     for (auto _ : state) {
         queue.append(data, chunk);
@@ -192,7 +201,8 @@ void streamSocket(benchmark::State& state, size_t chunk) {
     int ends[2];
     require(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) == 0, "socketpair");
     {
-        Queue out(chunk), in(chunk);
+        Placed<Queue> outPlaced(chunk), inPlaced(chunk);
+        Queue &out = outPlaced.queue, &in = inPlaced.queue;
         const unsigned char* const data = source();
         for (auto _ : state) {
             out.append(data, chunk);
@@ -260,7 +270,8 @@ std::vector<size_t> portions(size_t total, size_t mean) {
 // Portions of a few KiB in, whole frames out; the rest waits for the next portion.
 template <typename Queue>
 void framing(benchmark::State& state, size_t meanPortion) {
-    Queue queue(16384);
+    Placed<Queue> placed(16384);
+    Queue& queue = placed.queue;
     const std::vector<unsigned char>& stream = frames();
     const std::vector<size_t> sizes = portions(stream.size(), meanPortion);
     unsigned checksum = 0;
