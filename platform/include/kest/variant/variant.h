@@ -99,6 +99,7 @@ class KEST_PLATFORM_API Variant {
     /// Replaces value and type; also with a part of itself.
     Variant& operator=(Variant other) noexcept;
 
+    /// The type; an explicit VariantType(value) in a switch.
     operator VariantType() const noexcept { return static_cast<VariantType>(value_.index()); }
 
     /// True for both integer types.
@@ -145,6 +146,8 @@ class KEST_PLATFORM_API Variant {
     /// The entries of an object in the order of their keys' bytes; none for other types.
     const Object& Members() const noexcept;
 
+    /// The conversions that the class comment describes. The references stay valid until the value
+    /// changes.
     template <typename T, IfNumber<T> = 0>
     operator T() const {
         if constexpr (std::is_same_v<T, bool>) {
