@@ -1,0 +1,28 @@
+// The client's side of TLS, made here instead of by libwebsockets, whose own way of doing it
+// - draws new indices for its data from OpenSSL with every context, after which it neither finds
+// the
+//   connections of earlier contexts nor frees what belongs to them;
+// - reads all authorities of the system for each context, although they decide nothing here;
+// - asks for the pass phrase of an encrypted key on the terminal.
+#pragma once
+
+#include <openssl/ssl.h>
+
+#include <memory>
+#include <string>
+
+namespace kest::utils::websock {
+
+class TlsContext {
+  public:
+    // Certificate and key of the client, and a file of authorities; empty paths stand for none.
+    bool load(const std::string& certFile, const std::string& keyFile, const std::string& caFile);
+
+    // Null before load().
+    SSL_CTX* get() const { return context_.get(); }
+
+  private:
+    std::unique_ptr<SSL_CTX, void (*)(SSL_CTX*)> context_{nullptr, SSL_CTX_free};
+};
+
+}  // namespace kest::utils::websock
