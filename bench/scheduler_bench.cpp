@@ -198,12 +198,17 @@ void addRings(const std::string& contestant) {
 }
 
 template <typename Loop>
-void addRegistrations(const std::string& contestant) {
+void addAddRemove(const std::string& contestant) {
     for (const size_t others : withFallback({10, 1000, 50000}, 1)) {
-        const std::string parameters = "others:" + std::to_string(others);
-        add("add_remove", contestant, parameters,
+        add("add_remove", contestant, "others:" + std::to_string(others),
             [=](benchmark::State& state) { addRemove<Loop>(state, others); });
-        add("change_mode", contestant, parameters,
+    }
+}
+
+template <typename Loop>
+void addChangeMode(const std::string& contestant) {
+    for (const size_t others : withFallback({10, 1000, 50000}, 1)) {
+        add("change_mode", contestant, "others:" + std::to_string(others),
             [=](benchmark::State& state) { changeMode<Loop>(state, others); });
     }
 }
@@ -226,15 +231,24 @@ const bool registered = [] {
     addRings<Libuv<false>>("libuv");
     addRings<Libev<false>>("libev");
 
-    addRegistrations<Ours>("ours");
-    addRegistrations<BareEpoll<false>>("epoll");
-    addRegistrations<BareEpoll<true>>("epoll_pass");
-    addRegistrations<Libevent<true>>("libevent");
-    addRegistrations<Libevent<false>>("libevent_reused");
-    addRegistrations<Libuv<false>>("libuv_calls");
-    addRegistrations<Libuv<true>>("libuv_pass");
-    addRegistrations<Libev<false>>("libev_calls");
-    addRegistrations<Libev<true>>("libev_pass");
+    addAddRemove<Ours>("ours");
+    addAddRemove<BareEpoll<false>>("epoll");
+    addAddRemove<BareEpoll<true>>("epoll_pass");
+    addAddRemove<Libevent<true>>("libevent");
+    addAddRemove<Libevent<false>>("libevent_reused");
+    addAddRemove<Libuv<false>>("libuv_calls");
+    addAddRemove<Libuv<true>>("libuv_pass");
+    addAddRemove<Libev<false>>("libev_calls");
+    addAddRemove<Libev<true>>("libev_pass");
+
+    addChangeMode<Ours>("ours");
+    addChangeMode<BareEpoll<false>>("epoll");
+    addChangeMode<BareEpoll<true>>("epoll_pass");
+    addChangeMode<Libevent<true>>("libevent");
+    addChangeMode<Libuv<false>>("libuv_calls");
+    addChangeMode<Libuv<true>>("libuv_pass");
+    addChangeMode<Libev<false>>("libev_calls");
+    addChangeMode<Libev<true>>("libev_pass");
 
     addTimers<Ours>("ours");
     addTimers<BareEpoll<false>>("timerfd");

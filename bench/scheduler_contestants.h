@@ -123,8 +123,8 @@ class Ours {
 };
 
 // The least that a program can do: epoll, timerfd and a loop written for this one purpose. With
-// `Pass` an add or remove is followed by a wait that finds nothing, as the loops with deferred
-// kernel calls need it; it shows how much of their figure is that wait.
+// `Pass` an add, change or remove is followed by a wait that finds nothing, as the loops with
+// deferred kernel calls need it; it shows how much of their figure is that wait.
 template <bool Pass>
 class BareEpoll {
   public:
@@ -248,9 +248,8 @@ class Libevent {
 
     void adopt(int fd) {
         fd_ = fd;
-        adopted_ = event_new(base_, fd, EV_READ | EV_PERSIST, nothing, nullptr);
+        if (!Allocating) adopted_ = event_new(base_, fd, EV_READ | EV_PERSIST, nothing, nullptr);
         writable_ = event_new(base_, fd, EV_WRITE | EV_PERSIST, nothing, nullptr);
-        if (Allocating) event_free(adopted_), adopted_ = nullptr;
     }
     void add() {
         if (Allocating) adopted_ = event_new(base_, fd_, EV_READ | EV_PERSIST, nothing, nullptr);

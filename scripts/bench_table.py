@@ -29,11 +29,15 @@ def nanoseconds(run):
     return run["real_time" if real else "cpu_time"] * UNITS[run["time_unit"]]
 
 
+def registered(run):
+    """Where the program registered the benchmark; random interleaving mixes the runs."""
+    return run.get("family_index", 0), run.get("per_family_instance_index", 0)
+
+
 def collect(report):
     """-> {pattern: {parameters: {contestant: [ns, ...]}}}, {(pattern, parameters, reason): True}"""
     patterns, skipped = {}, {}
-    # Random interleaving mixes the runs; the family index keeps the order of registration.
-    for run in sorted(report["benchmarks"], key=lambda run: run.get("family_index", 0)):
+    for run in sorted(report["benchmarks"], key=registered):
         if run.get("run_type") == "aggregate":
             continue
         pattern, contestant, parameters = parse_name(run.get("run_name", run["name"]))
@@ -66,7 +70,8 @@ def cell(times, ours):
     median = statistics.median(times)
     if ours is None or ours is times or not median:
         return as_time(median)
-    return f"{as_time(median)} ({statistics.median(ours) / median:.2f})"
+    ratio = statistics.median(ours) / median
+    return f"{as_time(median)} ({ratio:.{2 if ratio < 9.995 else 0}f})"
 
 
 def contestants_of(rows):
