@@ -17,6 +17,7 @@
 #include <kest/utils/exec.h>
 #include <kest/utils/file.h>
 #include <kest/utils/string_utils.h>
+#include <kest/utils/timer.h>
 
 #include "c_path.h"
 #include "log.h"
@@ -34,6 +35,7 @@ using detail::UniqueFd;
 
 constexpr off_t kCopyStep = 4096;
 constexpr uint64_t kNsPerSecond = 1000000000;
+constexpr unsigned kLookAgainMs = 1;
 
 // Makes one folder of a path, unless it is there.
 bool makeFolder(const std::string& folder, bool sync) {
@@ -327,6 +329,26 @@ int glob(const char* pattern, std::vector<std::string>& out) {
     }
     out.swap(found);
     return 0;
+}
+
+bool waitForFiles(const std::set<std::string>& paths, int timeoutMs) {
+    std::vector<std::string> missing(paths.begin(), paths.end());
+    const auto exists = [](const std::string& path) {
+        struct stat st = {};
+        return ::stat(cPath(path), &st) == 0;
+    };
+    const int64_t deadline = nowMs() + timeoutMs;
+    while (deadline >= nowMs()) {
+        missing.erase(std::remove_if(missing.begin(), missing.end(), exists), missing.end());
+        if (missing.empty()) return true;
+        // Without a pause, a thread of real-time priority would keep the files' maker from running.
+        // The last look must not come too early for it.
+        if (deadline - nowMs() > 2 * kLookAgainMs) sleepMs(kLookAgainMs);
+    }
+    std::string list;
+    join(list, ", ", missing);
+    KEST_LOG(KEST_ERROR, 0, "Failed to wait for files: %s", list.c_str());
+    return false;
 }
 
 bool listFolder(const std::string& path, std::map<std::string, bool>& out, bool recursive) {

@@ -4,11 +4,14 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/resource.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <functional>
 #include <sstream>
+
+#include <kest/utils/timer.h>
 
 #include "support/clean_test.h"
 #include "support/log_capture.h"
@@ -211,4 +214,17 @@ TEST_F(FileUtilsTest, TouchFileSetsTheTimeAndGlobFindsInOrder) {
     EXPECT_EQ(0, kest::utils::glob(out[0].c_str(), out));
     EXPECT_THAT(out, ElementsAre(file, dir / "g2"));
     EXPECT_TRUE(kest::utils::glob(nullptr, out) == 0 && out.empty());
+}
+
+TEST_F(FileUtilsTest, WaitForFilesNamesWhatIsMissing) {
+    const std::string late = dir / "late", never = dir / "never";
+    const pid_t maker = fork();
+    if (maker == 0) _exit(sleepMs(50) == 0 && touchFile(late, true) ? 0 : 1);
+    EXPECT_TRUE(waitForFiles({late, dir / "d"}, 60000) && waitForFiles({late}, 0));
+    EXPECT_EQ(maker, waitpid(maker, nullptr, 0));
+    const int64_t before = nowMs();
+    EXPECT_FALSE(waitForFiles({never, late, dir / "a"}, 20) || waitForFiles({late}, -1));
+    EXPECT_GE(nowMs(), before + 20);
+    EXPECT_THAT(logTexts(), ElementsAre("Failed to wait for files: " + (dir / "a, ") + never,
+                                        "Failed to wait for files: " + late));
 }

@@ -12,6 +12,7 @@
 
 #include <cstdint>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -114,6 +115,17 @@ KEST_API int glob(const char* pattern, std::vector<std::string>& out);
 /// @param path  empty stands for the current directory.
 /// @return false, after a log line, when `path` itself cannot be opened.
 KEST_API bool listFolder(const std::string& path, std::map<std::string, bool>& out, bool recursive);
+/// @}
+
+/// @name Waiting
+/// @{
+
+/// Waits until each of the paths exists at some time; symbolic links are followed. Looks again
+/// every millisecond, and without a pause towards the end of the time. Returns as soon as none is
+/// missing.
+/// @param timeoutMs  0 looks once; a negative time not at all, which fails.
+/// @return false, after a log line with what is missing, when the time is over.
+KEST_API bool waitForFiles(const std::set<std::string>& paths, int timeoutMs);
 /// @}
 
 /// @name Path texts
