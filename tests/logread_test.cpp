@@ -58,24 +58,18 @@ TEST_F(LogreadTest, ReadsWhatBusyBoxWritesLapAfterLap) {
         Reader reader, late;
         while (!late.Initialize() || !reader.Initialize() || !reader.SeekToTail()) {
         }
-        std::string sent, got;
         for (int batch = 0, number = 0; batch <= 100; ++batch) {
-            EXPECT_EQ(sent, got);
-            sent = got = "";
-            for (const int end = number + (batch < 100 ? 50 : 1000); number < end; ++number) {
+            const bool overtaken = batch == 100;
+            std::string sent = "|", got;
+            for (const int end = number + (overtaken ? 1000 : 50); number < end; ++number) {
                 const auto text = kest::utils::format("%0*d", number * 7 % 150, number);
                 syslog(LOG_USER | LOG_INFO, "#%s", text.c_str());
                 sent += text + "\n|";
             }
             while (got.find(std::to_string(number - 1)) == got.npos)
                 got += reader.read();
-        }
-        // Overtaken, and new: both have the end of what was sent, beginning with a whole message.
-        for (const bool fresh : {false, true}) {
-            EXPECT_TRUE(!fresh || late.Initialize());
-            const std::string tail = '|' + late.read();
-            EXPECT_GT(tail.size(), 4000u);
-            EXPECT_EQ(tail, sent.substr(sent.size() - std::min(sent.size(), tail.size())));
+            if (overtaken) got = late.read();
+            EXPECT_EQ('|' + got, sent.substr(overtaken ? sent.size() - got.size() - 1 : 0));
         }
     });
 }
@@ -98,11 +92,9 @@ TEST_F(LogreadTest, BelievesNoRingUncheckedAndAlwaysUnlocks) {
             {4088, 7, "", "No complete messages"},
             {4089, 8, four, "Invalid log ring"},
             {10, 10, four, "Invalid log ring"},
-            {0, 0, four, "Invalid log ring"},
             {10, 8, four, "a|b|c|d|", [&] { EXPECT_EQ(1, segment.readers()); }},
             {10, 8, four, "a|", [&] { reader.SeekToTail(); }},
             {10, 8, four, "a|b|c|d|", [&] { reader.ForEach(Reader::take, &reader); }},
-            {10, 8, four, "a|", [&] { reader.Close(); }},
             {10, 8, four, "a|", [&] { reader.Initialize(); }},
             {10, 8, four, "a|", [&] { throw 0; }},
         };
@@ -117,12 +109,9 @@ TEST_F(LogreadTest, BelievesNoRingUncheckedAndAlwaysUnlocks) {
             EXPECT_EQ(c.expected, reader.texts);
             EXPECT_EQ(0, segment.readers());
         }
-        reader.then = [] {};
-        EXPECT_TRUE(reader.Initialize() && reader.SeekToTail() && reader.Lock());
-        segment.set(16, 9, "newer..e.newest.");
-        EXPECT_EQ("newer||e|", reader.read());
+        reader.Lock();
         reader.Close();
-        EXPECT_TRUE(reader.read().empty() && segment.readers() == 0);
+        EXPECT_TRUE(!reader.SeekToTail() && segment.readers() == 0);
         EXPECT_EQ("Failed to acquire semaphore", kest::test::logTexts().at(0));
     });
 }
