@@ -82,7 +82,8 @@ TEST_F(TimeZoneTest, FailingStepsLeaveNoTemporaryFiles) {
         EXPECT_FALSE(setTimeZone("Asia/Tokyo"));
         EXPECT_EQ((std::set<std::string>{".", "..", "TZ", "localtime"}), entriesOfEtc());
 
-        if (mount("none", "/etc", nullptr, MS_REMOUNT | MS_RDONLY, nullptr) != 0) return;
+        if (mount("none", "/etc", "", MS_REMOUNT | MS_RDONLY, nullptr) != 0)
+            GTEST_SKIP() << "no mount";
         EXPECT_FALSE(setTimeZone("Asia/Tokyo"));
         EXPECT_THAT(logTexts(),
                     ElementsAre("Failed to rename sym link", "Failed to rename sym link",
