@@ -1,5 +1,6 @@
-"""Feeds the example daemon and checks its summary: demo.py DAEMON"""
+"""Feeds the example daemon and checks what it handled: demo.py FOLDER_OF_THE_EXAMPLES"""
 
+import atexit
 import os
 import queue
 import re
@@ -17,24 +18,23 @@ SHOWN_COLUMNS = 100
 
 def show(who, text):
     cut = text if len(text) <= SHOWN_COLUMNS else text[:SHOWN_COLUMNS] + "..."
-    print(f"  {who:<8} {cut}", flush=True)
+    print(f"  {who:<12} {cut}", flush=True)
 
 
-class Daemon:
-    """The daemon under test, with everything that it printed."""
+class Program:
+    """A program of the demonstration, with everything that it printed."""
 
-    def __init__(self, path, *options):
+    def __init__(self, name, path, *options):
+        self.name = name
         self.process = subprocess.Popen(
             [path, *options], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+        atexit.register(self._kill)
         self.seen = []
         self.arriving = queue.Queue()
         threading.Thread(target=self._read, daemon=True).start()
 
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *_):
-        # Only a run that failed has not waited for the daemon's end.
+    def _kill(self):
+        # Only a demonstration that failed has not waited for the end.
         if self.process.poll() is None:
             self.process.kill()
             self.process.wait()
@@ -56,32 +56,40 @@ class Daemon:
             except queue.Empty:
                 line = None
             if line is None:
-                sys.exit(f"demo: the daemon did not print {pattern!r} {times} times")
-            show("daemon |", line)
+                sys.exit(f"demo: {self.name} did not print {pattern!r} {times} times")
+            show(f"{self.name} |", line)
             self.seen.append(line)
 
     def say(self, text):
-        show("stdin  >", text)
+        show(f"{self.name} <", text)
         self.process.stdin.write(text + "\n")
         self.process.stdin.flush()
 
     def signal(self, number):
-        show("kill   >", signal.Signals(number).name)
+        show(f"{self.name} !", signal.Signals(number).name)
         self.process.send_signal(number)
+
+    def end(self, number, status=0):
+        """Ends the program; the counts of its summary."""
+        self.signal(number)
+        summary = self.wait_for(r"^summary: (.*)$")[1]
+        if self.process.wait(timeout=PATIENCE_S) != status:
+            sys.exit(f"demo: {self.name} ended with status {self.process.returncode}")
+        return {k: int(v) for k, v in (item.split("=") for item in summary.split())}
 
 
 def send_datagram(port, text, answered=False):
-    show("udp    >", text)
+    show("udp >", text)
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sock:
         sock.settimeout(PATIENCE_S)
         sock.sendto(text.encode(), ("127.0.0.1", port))
         if answered:
-            show("udp    <", sock.recv(65536).decode())
+            show("udp <", sock.recv(65536).decode())
 
 
 def echo(port, payload):
     """Sends the payload over one connection and insists on getting it back."""
-    show("tcp    >", f"{len(payload)} bytes")
+    show("tcp >", f"{len(payload)} bytes")
     with socket.create_connection(("127.0.0.1", port), timeout=PATIENCE_S) as sock:
         sender = threading.Thread(
             target=lambda: (sock.sendall(payload), sock.shutdown(socket.SHUT_WR)))
@@ -92,7 +100,7 @@ def echo(port, payload):
         sender.join()
     if back != payload:
         sys.exit("demo: the echo differs from what was sent")
-    show("tcp    <", f"{len(back)} bytes, the same")
+    show("tcp <", f"{len(back)} bytes, the same")
 
 
 def feed(daemon):
@@ -128,27 +136,77 @@ def feed(daemon):
     }
 
 
-def check(daemon, expected):
-    """Compares the summary of a daemon that was asked to end, and its exit status."""
-    summary = daemon.wait_for(r"^summary: (.*)$")[1]
-    counts = {k: int(v) for k, v in (item.split("=") for item in summary.split())}
-    expected["ticks"] = sum(line.startswith("timer: tick") for line in daemon.seen)
+def talk(folder, examples):
+    """The daemon with its controller, which goes away once and comes back."""
+    snapshots = os.path.join(folder, "snapshots")
+    os.mkdir(snapshots)
+    certificate = os.path.join(folder, "controller.pem")
+    record = os.path.join(folder, "telemetry")
+    serve = (os.path.join(examples, "controller"), f"--tls={certificate}", f"--record={record}")
+    controller = Program("controller", *serve)
+    port = controller.wait_for(r"^listening: (\d+)$")[1]
+    options = (f"--controller=wss://127.0.0.1:{port}/camera", f"--pin={certificate}",
+               "--retry-ms=100", "--tick-ms=100", f"--snapshots={snapshots}", "--keep=3")
+    daemon = Program("daemon", os.path.join(examples, "camera_daemon"), *options)
+    controller.wait_for(r"^camera 1: telemetry ", 3)
+    controller.say("run uname -s")
+    controller.wait_for(r"^camera 1: answer Linux$")
+
+    refused = subprocess.run([daemon.process.args[0]], stdin=subprocess.DEVNULL,
+                             capture_output=True, text=True, timeout=PATIENCE_S)
+    show("second |", refused.stderr.splitlines()[0])
+    if refused.returncode != 1:
+        sys.exit("demo: a second daemon was not refused")
+
+    for number in range(5):
+        with open(os.path.join(snapshots, f"snap-{number}.jpg"), "w") as snapshot:
+            snapshot.write("picture")
+        daemon.wait_for(r"^snapshot: kept ", number + 1)
+    daemon.wait_for(r"^snapshot: dropped ", 2)
+    kept = sorted(os.listdir(snapshots))
+    if kept != ["snap-2.jpg", "snap-3.jpg", "snap-4.jpg"]:
+        sys.exit(f"demo: snapshots kept are {kept}")
+
+    controller.signal(signal.SIGKILL)
+    daemon.wait_for(r"^controller: closed")
+    daemon.wait_for(r"^controller: next try in 200 ms")
+    controller = Program("controller", *serve, f"--port={port}")
+    controller.wait_for(r"^camera 1: telemetry ", 3)
+    controller.say("run echo back again")
+    controller.wait_for(r"^camera 1: answer back again$")
+
+    counts = daemon.end(signal.SIGTERM)
+    controller.wait_for(r"^camera 1: closes with 1000$")
+    controller.end(signal.SIGTERM)
+    with open(record) as lines:
+        ticks = [int(line.split()[1].split("=")[1]) for line in lines]
+    gaps = [(a, b) for a, b in zip(ticks, ticks[1:]) if b != a + 1]
+    # What was under way when the controller was killed may be lost, nothing else.
+    if len(gaps) > 1 or counts["telemetry"] - len(ticks) > 2:
+        sys.exit(f"demo: telemetry is missing: sent {counts['telemetry']}, recorded {ticks}")
+    check(counts, {"controllers": 2, "commands": 2, "tools": 2, "snapshots": 5, "dropped": 2})
+
+
+def check(counts, expected):
     wrong = {k: (v, counts.get(k)) for k, v in expected.items() if counts.get(k) != v}
-    status = daemon.process.wait(timeout=PATIENCE_S)
-    if wrong or status != 0:
-        sys.exit(f"demo: exit status {status}, counts (fed, handled) that differ: {wrong}")
+    if wrong:
+        sys.exit(f"demo: counts (fed, handled) that differ: {wrong}")
 
 
 def main():
+    examples = sys.argv[1]
     with tempfile.TemporaryDirectory() as folder:
         options = ("--tick-ms=300", "--one-shot-ms=200", f"--state={folder}/state")
         for run, end in ((1, signal.SIGTERM), (2, signal.SIGINT)):
-            print(f"--- run {run}", flush=True)
-            with Daemon(sys.argv[1], *options) as daemon:
-                daemon.wait_for(rf"^state: start number {run}$")
-                expected = feed(daemon)
-                daemon.signal(end)
-                check(daemon, expected)
+            print(f"--- lines, datagrams, connections, signals, timers: run {run}", flush=True)
+            daemon = Program("daemon", os.path.join(examples, "camera_daemon"), *options)
+            daemon.wait_for(rf"^state: start number {run}$")
+            expected = feed(daemon)
+            counts = daemon.end(end)
+            expected["ticks"] = sum(line.startswith("timer: tick") for line in daemon.seen)
+            check(counts, expected)
+        print("--- controller and snapshots", flush=True)
+        talk(folder, examples)
     print("demo: every count is what was fed, exit status 0")
 
 

@@ -11,6 +11,7 @@
 
 #include <kest/utils/lowlevelsocket.h>
 #include <kest/utils/string_utils.h>
+#include <kest/utils/timer.h>
 
 #include "state_file.h"
 #include "tool_runner.h"
@@ -18,6 +19,7 @@
 namespace {
 
 const std::string kRunCommand = "run ";
+constexpr unsigned kPatienceMs = 2000;
 
 bool failedToListen(const char* kind, unsigned short port) {
     fprintf(stderr, "camera_daemon: cannot listen on %s port %u: %s\n", kind, port,
@@ -45,7 +47,11 @@ CameraDaemon::CameraDaemon(const Options& options)
           [this](unsigned number, unsigned long long echoed) {
               counts_.echoedBytes += echoed;
               printf("tcp %u: closed after %llu bytes\n", number, echoed);
-          }) {}
+          }),
+      controller_(scheduler_, [this](const std::string& text) { onCommand(text); }),
+      snapshots_(scheduler_,
+                 [this](const char* what, const std::string& path) { onSnapshot(what, path); }),
+      onlyOne_(options.lockName.c_str(), false) {}
 
 CameraDaemon::~CameraDaemon() {
     // Taken out one by one: Stop() would warn of each timer and handler that is still there.
@@ -74,16 +80,38 @@ bool CameraDaemon::run() {
 bool CameraDaemon::start() {
     // Signals first: a request to end must not find a daemon that does not listen yet.
     if (!scheduler_.Init() || !addSignals() || !addTimers()) return false;
-    if (!kest::utils::SetFdNoSIGPIPE(-1)) return false;
-    if (!udp_.start(options_.udpPort)) return failedToListen("UDP", options_.udpPort);
-    if (!tcp_.start(options_.tcpPort)) return failedToListen("TCP", options_.tcpPort);
-    if (!input_.start()) return false;
+    if (!lock() || !startServices() || !startWatching()) return false;
     if (!options_.stateFile.empty()) {
         const unsigned starts = readStarts(options_.stateFile) + 1;
         if (!writeStarts(options_.stateFile, starts)) return false;
         printf("state: start number %u\n", starts);
     }
     printf("ready: udp %u tcp %u\n", udp_.port(), tcp_.port());
+    return true;
+}
+
+bool CameraDaemon::lock() {
+    const int result = onlyOne_.acquire();
+    if (result == -3) {
+        fprintf(stderr, "camera_daemon: it is running already\n");
+        return false;
+    }
+    // A machine without a folder for locks is no reason not to serve.
+    if (result != 0) fprintf(stderr, "camera_daemon: no lock: %s\n", strerror(errno));
+    return true;
+}
+
+bool CameraDaemon::startServices() {
+    if (!kest::utils::SetFdNoSIGPIPE(-1)) return false;
+    if (!udp_.start(options_.udpPort)) return failedToListen("UDP", options_.udpPort);
+    if (!tcp_.start(options_.tcpPort)) return failedToListen("TCP", options_.tcpPort);
+    if (!input_.start()) return false;
+    return options_.controller.uri.empty() || controller_.start(options_.controller);
+}
+
+bool CameraDaemon::startWatching() {
+    if (!options_.snapshots.folder.empty() && !snapshots_.start(options_.snapshots)) return false;
+    if (options_.systemLog && !systemLog_.start()) printf("log: none\n");
     return true;
 }
 
@@ -105,8 +133,7 @@ bool CameraDaemon::addSignal(int signo, bool (*callback)(void*)) {
 }
 
 bool CameraDaemon::addTimers() {
-    return addTimer(options_.tickMs, options_.tickMs,
-                    [this] { printf("timer: tick %u\n", ++counts_.ticks); }) &&
+    return addTimer(options_.tickMs, options_.tickMs, [this] { onTick(); }) &&
            addTimer(options_.oneShotMs, 0, [this] {
                ++counts_.oneShots;
                printf("timer: one-shot\n");
@@ -150,15 +177,46 @@ void CameraDaemon::onHangup() {
     printf("signal: SIGHUP\n");
 }
 
+void CameraDaemon::onTick() {
+    printf("timer: tick %u\n", ++counts_.ticks);
+    snapshots_.service();
+    for (const std::string& message : systemLog_.take()) {
+        ++counts_.logged;
+        printf("log: %s\n", message.c_str());
+    }
+    const std::string text = kest::utils::format(
+        "telemetry ticks=%u snapshots=%u uptime=%s", counts_.ticks, counts_.snapshots,
+        timeToString(static_cast<int>(nowMs() / 1000)).c_str());
+    if (controller_.send(text)) ++counts_.telemetry;
+}
+
+void CameraDaemon::onCommand(const std::string& text) {
+    printf("controller: %s\n", text.c_str());
+    std::string answer;
+    if (!toolAskedFor(text, answer)) return;
+    ++counts_.commands;
+    controller_.send("answer " + answer);
+}
+
+void CameraDaemon::onSnapshot(const char* what, const std::string& path) {
+    ++(strcmp(what, "kept") == 0 ? counts_.snapshots : counts_.dropped);
+    printf("snapshot: %s %s\n", what, path.c_str());
+}
+
 void CameraDaemon::end() {
     printf("signal: asked to end\n");
-    running_ = false;
+    // Should the controller not answer the close, the daemon ends without its answer.
+    addTimer(kPatienceMs, 0, [this] { running_ = false; });
+    controller_.close([this] { running_ = false; });
 }
 
 void CameraDaemon::printSummary() const {
     printf(
-        "summary: lines=%u datagrams=%u connections=%u echoed=%llu tools=%u ticks=%u "
-        "oneshots=%u hangups=%u\n",
+        "summary: lines=%u datagrams=%u connections=%u echoed=%llu tools=%u ticks=%u oneshots=%u "
+        "hangups=%u ",
         counts_.lines, counts_.datagrams, counts_.connections, counts_.echoedBytes, counts_.tools,
         counts_.ticks, counts_.oneShots, counts_.hangups);
+    printf("controllers=%u telemetry=%u commands=%u snapshots=%u dropped=%u logged=%u\n",
+           controller_.connections(), counts_.telemetry, counts_.commands, counts_.snapshots,
+           counts_.dropped, counts_.logged);
 }

@@ -5,9 +5,13 @@
 #include <string>
 #include <vector>
 
+#include <kest/utils/InterProcessMutex.h>
 #include <kest/utils/scheduler.h>
 
+#include "controller_link.h"
 #include "line_input.h"
+#include "snapshot_keeper.h"
+#include "system_log.h"
 #include "tcp_echo.h"
 #include "udp_port.h"
 
@@ -17,6 +21,10 @@ struct Options {
     unsigned tickMs = 1000;
     unsigned oneShotMs = 500;
     std::string stateFile;  // empty: remember nothing
+    std::string lockName = "kest_camera_daemon";
+    ControllerLink::Settings controller;  // without a URI: none
+    SnapshotKeeper::Settings snapshots;   // without a folder: none
+    bool systemLog = false;
 };
 
 class CameraDaemon {
@@ -39,9 +47,17 @@ class CameraDaemon {
         unsigned ticks = 0;
         unsigned oneShots = 0;
         unsigned hangups = 0;
+        unsigned telemetry = 0;
+        unsigned commands = 0;
+        unsigned snapshots = 0;
+        unsigned dropped = 0;
+        unsigned logged = 0;
     };
 
     bool start();
+    bool lock();
+    bool startServices();
+    bool startWatching();
     bool addSignals();
     bool addSignal(int signo, bool (*callback)(void*));
     bool addTimers();
@@ -49,6 +65,9 @@ class CameraDaemon {
     void onLine(const std::string& line);
     void onDatagram(const std::string& text, const sockaddr_in& from);
     void onHangup();
+    void onTick();
+    void onCommand(const std::string& text);
+    void onSnapshot(const char* what, const std::string& path);
     void end();
     bool toolAskedFor(const std::string& text, std::string& answer);
     void printSummary() const;
@@ -62,4 +81,8 @@ class CameraDaemon {
     LineInput input_;
     UdpPort udp_;
     TcpEcho tcp_;
+    ControllerLink controller_;
+    SnapshotKeeper snapshots_;
+    SystemLog systemLog_;
+    InterProcessMutex onlyOne_;
 };

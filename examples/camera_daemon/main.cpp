@@ -22,6 +22,13 @@ constexpr char kUsage[] =
     "  --tick-ms=N     period of the ticking timer (default 1000)\n"
     "  --one-shot-ms=N delay of the one-shot timer (default 500)\n"
     "  --state=FILE    file that remembers how often the daemon was started\n"
+    "  --lock=NAME     name of the lock that keeps a second daemon from starting\n"
+    "  --controller=URI  controller to connect to, such as wss://127.0.0.1:8443/camera\n"
+    "  --pin=FILE      certificate that the controller must have (PEM; default: any)\n"
+    "  --retry-ms=N    delay before the first new connection, doubled each time (default 500)\n"
+    "  --snapshots=FOLDER  folder whose *.jpg files are kept, the newest ones only\n"
+    "  --keep=N        how many snapshots are kept (default 100)\n"
+    "  --syslog        follow the system log's ring\n"
     "  --help          this text\n";
 
 bool parseNumber(const char* text, unsigned long most, unsigned& value) {
@@ -40,6 +47,13 @@ bool parsePort(const char* text, unsigned short& port) {
     return true;
 }
 
+bool parseCount(const char* text, int& count) {
+    unsigned value = 0;
+    if (!parseNumber(text, 1000000, value)) return false;
+    count = static_cast<int>(value);
+    return true;
+}
+
 bool apply(int option, const char* value, Options& options) {
     constexpr unsigned long kDayMs = 86400000;
     switch (option) {
@@ -53,6 +67,25 @@ bool apply(int option, const char* value, Options& options) {
             return parseNumber(value, kDayMs, options.oneShotMs);
         case 's':
             options.stateFile = value;
+            return true;
+        case 'l':
+            options.lockName = value;
+            return true;
+        case 'c':
+            options.controller.uri = value;
+            return true;
+        case 'p':
+            options.controller.pinnedCert = value;
+            return true;
+        case 'r':
+            return parseNumber(value, kDayMs, options.controller.retryMs);
+        case 'd':
+            options.snapshots.folder = value;
+            return true;
+        case 'n':
+            return parseCount(value, options.snapshots.mostFiles);
+        case 'g':
+            options.systemLog = true;
             return true;
         default:
             return false;
@@ -73,6 +106,13 @@ int parse(int argc, char** argv, Options& options) {
                                       {"tick-ms", required_argument, nullptr, 'k'},
                                       {"one-shot-ms", required_argument, nullptr, 'o'},
                                       {"state", required_argument, nullptr, 's'},
+                                      {"lock", required_argument, nullptr, 'l'},
+                                      {"controller", required_argument, nullptr, 'c'},
+                                      {"pin", required_argument, nullptr, 'p'},
+                                      {"retry-ms", required_argument, nullptr, 'r'},
+                                      {"snapshots", required_argument, nullptr, 'd'},
+                                      {"keep", required_argument, nullptr, 'n'},
+                                      {"syslog", no_argument, nullptr, 'g'},
                                       {"help", no_argument, nullptr, 'h'},
                                       {nullptr, 0, nullptr, 0}};
     for (int c = 0; (c = getopt_long(argc, argv, "", kOptions, nullptr)) != -1;) {
