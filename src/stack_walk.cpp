@@ -14,6 +14,7 @@ constexpr unsigned kMaxFrames = 200;
 // How far the search for a lost chain goes, and how big a frame it believes in.
 constexpr unsigned kSearchedWords = 1024;
 constexpr uintptr_t kLargestFrame = uintptr_t{1} << 20;
+constexpr unsigned kConvincingLength = 8;
 
 struct FrameRecord {
     uintptr_t savedFrame;
@@ -41,6 +42,7 @@ constexpr uintptr_t kRecordBelowFrame = sizeof(uintptr_t);
 #define KEST_SAVED_PC pc
 #define KEST_SAVED_FRAME regs[29]
 #define KEST_SAVED_STACK sp
+#define KEST_SAVED_LINK regs[30]
 #else
 #define KEST_SAVED_PC arm_pc
 #define KEST_SAVED_FRAME arm_fp
@@ -117,20 +119,37 @@ StackWalk::StackWalk(const MemoryMap& map, const void* frame, const void* contex
     stage_ = kBeforeInterrupted;
 }
 
-bool StackWalk::isFrame(uintptr_t frame) const {
+// Number of records from here on that return to code, as far as that is of interest.
+unsigned StackWalk::chainLength(uintptr_t frame) const {
+    unsigned length = 0;
+    uintptr_t last = 0;
     FrameRecord record = {};
-    return readRecord(frame, record) && isCode(map_, withoutSignature(record.returnAddress));
+    while (length < kConvincingLength && frame > last && readRecord(frame, record) &&
+           isCode(map_, withoutSignature(record.returnAddress))) {
+        last = frame;
+        frame = record.savedFrame;
+        ++length;
+    }
+    return length;
 }
 
 // A C library without frame pointers, in whose abort() a process often ends, uses their register
-// for something else, but keeps the old value on the stack while it does so.
-uintptr_t StackWalk::firstSavedFrame() const {
+// for something else, but keeps the old value on the stack while it does so: the word from which
+// the longest chain goes on. 0 when there is none.
+uintptr_t StackWalk::savedFrame() const {
+    uintptr_t best = 0;
+    unsigned bestLength = 0;
     uintptr_t at = interrupted_.stack;
     uintptr_t word = 0;
     for (unsigned i = 0; i < kSearchedWords && readWord(at, word); ++i, at += sizeof(at)) {
-        if (word > at && word - at < kLargestFrame && isFrame(word)) return word;
+        if (word <= at || word - at >= kLargestFrame) continue;
+        const unsigned length = chainLength(word);
+        if (length <= bestLength) continue;
+        best = word;
+        bestLength = length;
+        if (length == kConvincingLength) break;
     }
-    return 0;
+    return best;
 }
 
 void StackWalk::enterInterruptedCode() {
@@ -138,18 +157,18 @@ void StackWalk::enterInterruptedCode() {
     lastFrame_ = 0;
     frame_ = interrupted_.frame;
     stage_ = kPlain;
-    if (isFrame(frame_)) return;
+    if (chainLength(frame_) > 0) return;
 #if defined(__arm__) && !defined(__clang__)
     // A function that calls none saves the frame pointer alone, and points at that; its return
     // address is still in the register.
     uintptr_t saved = 0;
-    if (readWord(frame_, saved) && saved > frame_ && isFrame(saved)) {
+    if (readWord(frame_, saved) && saved > frame_ && chainLength(saved) > 0) {
         frame_ = saved;
         stage_ = kAtLink;
         return;
     }
 #endif
-    const uintptr_t found = firstSavedFrame();
+    const uintptr_t found = savedFrame();
     if (found != 0) frame_ = found;
 }
 
@@ -163,16 +182,27 @@ bool StackWalk::next(uintptr_t& address) {
     }
     if (stage_ == kAtLink) {
         stage_ = kPlain;
-        address = interrupted_.link;
+        address = withoutSignature(interrupted_.link);
         return true;
     }
+    return nextRecord(address);
+}
+
+bool StackWalk::nextRecord(uintptr_t& address) {
     FrameRecord record = {};
     if (frame_ == 0 || frame_ <= lastFrame_ || !readRecord(frame_, record)) return false;
-    const bool atSignal = stage_ == kBeforeInterrupted && record.savedFrame == interrupted_.frame;
-    if (atSignal) stage_ = kAtInterrupted;
     lastFrame_ = frame_;
     frame_ = record.savedFrame;
     address = withoutSignature(record.returnAddress);
+    if (stage_ != kBeforeInterrupted || record.savedFrame != interrupted_.frame) return true;
+    stage_ = kAtInterrupted;
+    // The kernel of 64-bit ARM puts a record in between, of frame pointer and link register. The
+    // interrupted instruction comes before what that returns to.
+    if (record.returnAddress == interrupted_.link) {
+        enterInterruptedCode();
+        stage_ = kAtLink;
+        address = interrupted_.pc;
+    }
     return true;
 }
 

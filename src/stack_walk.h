@@ -19,9 +19,10 @@ class StackWalk {
     bool next(uintptr_t& address);
 
   private:
+    bool nextRecord(uintptr_t& address);
     void enterInterruptedCode();
-    bool isFrame(uintptr_t frame) const;
-    uintptr_t firstSavedFrame() const;
+    unsigned chainLength(uintptr_t frame) const;
+    uintptr_t savedFrame() const;
 
     const MemoryMap& map_;
     uintptr_t frame_;

@@ -31,7 +31,7 @@ struct MemoryMapEntry {
 /// Snapshot of a process's memory map: the text as it was read, and one entry per line of it.
 ///
 /// An entry takes 4 KiB of memory, whatever the length of its path: some hundred KiB for a usual
-/// daemon, 41 MB for a process with 10,000 mappings.
+/// daemon, 42 MB for a process with 10,000 mappings.
 class KEST_API MemoryMap {
   public:
     constexpr MemoryMap() = default;
