@@ -41,7 +41,10 @@ void PassReclaimer::retire(Removed removed, int epollFd) noexcept {
     if (passes_.load() == 0 && !removed.stray && !removed.epoll.valid()) return;
     {
         const std::lock_guard<std::mutex> guard(lock_);
-        if (removed.epoll.valid()) nudge(removed.epoll.get(), Nudge::kAll);
+        // A pass counts itself before it loads the descriptor: without one, nobody has it.
+        if (removed.epoll.valid() && passes_.load() != 0) {
+            nudge(removed.epoll.get(), Nudge::kAll);
+        }
         waiting_.push_back(std::move(removed));
         pending_.store(true);
         epollFd_ = epollFd;

@@ -40,7 +40,8 @@ class PassReclaimer;
 /// tasks, call Stop(), Init() and Service(). A task removed in a pass is not called any more in
 /// that pass, and what its callback captured lives until the pass is over; outside a pass it is
 /// released at once. A callback must not destroy the scheduler. Its exception leaves Service();
-/// what else was ready is reported again by the next pass.
+/// what else was ready is reported again by the next pass, unless its mode is edge-triggered or
+/// one-shot.
 ///
 /// **Other threads.** A task that another thread removes may be entered once more if Service() was
 /// about to call it. A thread that waits in Service() wakes up when another one calls Stop() or
