@@ -1,4 +1,8 @@
-"""Feeds the example daemon and checks what it handled: demo.py FOLDER_OF_THE_EXAMPLES"""
+"""Feeds the example daemon and checks what it handled.
+
+demo.py FOLDER_OF_THE_EXAMPLES            everything but the crash
+demo.py FOLDER_OF_THE_EXAMPLES SYMBOLIZE  the crash, its report turned into source lines
+"""
 
 import atexit
 import os
@@ -187,6 +191,28 @@ def talk(folder, examples):
     check(counts, {"controllers": 2, "commands": 2, "tools": 2, "snapshots": 5, "dropped": 2})
 
 
+def crash(folder, examples, symbolize):
+    """The controller orders the daemon to crash; the report names the function that did."""
+    controller = Program("controller", os.path.join(examples, "controller"))
+    port = controller.wait_for(r"^listening: (\d+)$")[1]
+    daemon = Program("daemon", os.path.join(examples, "camera_daemon"),
+                     f"--controller=ws://127.0.0.1:{port}/camera", f"--crash-dumps={folder}")
+    daemon.wait_for(r"^controller: connected")
+    controller.say("crash")
+    daemon.wait_for(r"^controller: crash$")
+    status = daemon.process.wait(timeout=PATIENCE_S)
+    controller.wait_for(r"^camera 1: gone$")
+    controller.end(signal.SIGTERM)
+    if status != -signal.SIGSEGV:
+        sys.exit(f"demo: the daemon ended with status {status}, not by SIGSEGV")
+    report = subprocess.run([symbolize, os.path.join(folder, "stack")], capture_output=True,
+                            text=True, timeout=PATIENCE_S, check=True).stdout
+    for line in report.splitlines():
+        show("report |", line)
+    if not re.search(r"crashOnPurpose.*camera_daemon\.cpp:\d+", report):
+        sys.exit("demo: the report does not name the function that crashed")
+
+
 def check(counts, expected):
     wrong = {k: (v, counts.get(k)) for k, v in expected.items() if counts.get(k) != v}
     if wrong:
@@ -196,6 +222,10 @@ def check(counts, expected):
 def main():
     examples = sys.argv[1]
     with tempfile.TemporaryDirectory() as folder:
+        if len(sys.argv) > 2:
+            crash(folder, examples, sys.argv[2])
+            print("demo: the crash is told with its source line, exit status 0")
+            return
         options = ("--tick-ms=300", "--one-shot-ms=200", f"--state={folder}/state")
         for run, end in ((1, signal.SIGTERM), (2, signal.SIGINT)):
             print(f"--- lines, datagrams, connections, signals, timers: run {run}", flush=True)

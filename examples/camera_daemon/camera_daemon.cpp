@@ -9,6 +9,7 @@
 #include <cstring>
 #include <utility>
 
+#include <kest/utils/crashdumps.h>
 #include <kest/utils/lowlevelsocket.h>
 #include <kest/utils/string_utils.h>
 #include <kest/utils/timer.h>
@@ -20,6 +21,12 @@ namespace {
 
 const std::string kRunCommand = "run ";
 constexpr unsigned kPatienceMs = 2000;
+
+// What the controller's command "crash" comes to: a write through a pointer that points nowhere.
+__attribute__((noinline)) void crashOnPurpose() {
+    volatile int* volatile nowhere = nullptr;
+    *nowhere = 1;
+}
 
 bool failedToListen(const char* kind, unsigned short port) {
     fprintf(stderr, "camera_daemon: cannot listen on %s port %u: %s\n", kind, port,
@@ -78,6 +85,7 @@ bool CameraDaemon::run() {
 }
 
 bool CameraDaemon::start() {
+    if (!installCrashDumps()) return false;
     // Signals first: a request to end must not find a daemon that does not listen yet.
     if (!scheduler_.Init() || !addSignals() || !addTimers()) return false;
     if (!lock() || !startServices() || !startWatching()) return false;
@@ -99,6 +107,11 @@ bool CameraDaemon::lock() {
     // A machine without a folder for locks is no reason not to serve.
     if (result != 0) fprintf(stderr, "camera_daemon: no lock: %s\n", strerror(errno));
     return true;
+}
+
+bool CameraDaemon::installCrashDumps() const {
+    const char* folder = options_.crashFolder.empty() ? nullptr : options_.crashFolder.c_str();
+    return !options_.crashDumps || kest::utils::InstallCrashDumpHandler(folder);
 }
 
 bool CameraDaemon::startServices() {
@@ -192,6 +205,7 @@ void CameraDaemon::onTick() {
 
 void CameraDaemon::onCommand(const std::string& text) {
     printf("controller: %s\n", text.c_str());
+    if (text == "crash") crashOnPurpose();
     std::string answer;
     if (!toolAskedFor(text, answer)) return;
     ++counts_.commands;

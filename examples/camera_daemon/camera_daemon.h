@@ -25,6 +25,8 @@ struct Options {
     ControllerLink::Settings controller;  // without a URI: none
     SnapshotKeeper::Settings snapshots;   // without a folder: none
     bool systemLog = false;
+    bool crashDumps = false;
+    std::string crashFolder;  // empty: a numbered one below /tmp/crashdumps
 };
 
 class CameraDaemon {
@@ -56,6 +58,7 @@ class CameraDaemon {
 
     bool start();
     bool lock();
+    bool installCrashDumps() const;
     bool startServices();
     bool startWatching();
     bool addSignals();

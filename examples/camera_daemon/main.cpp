@@ -29,6 +29,9 @@ constexpr char kUsage[] =
     "  --snapshots=FOLDER  folder whose *.jpg files are kept, the newest ones only\n"
     "  --keep=N        how many snapshots are kept (default 100)\n"
     "  --syslog        follow the system log's ring\n"
+    "  --crash-dumps[=FOLDER]  leave a report when a fatal signal comes, in this existing folder "
+    "or\n"
+    "                  in a numbered one below /tmp/crashdumps\n"
     "  --help          this text\n";
 
 bool parseNumber(const char* text, unsigned long most, unsigned& value) {
@@ -87,6 +90,10 @@ bool apply(int option, const char* value, Options& options) {
         case 'g':
             options.systemLog = true;
             return true;
+        case 'x':
+            options.crashDumps = true;
+            if (value != nullptr) options.crashFolder = value;
+            return true;
         default:
             return false;
     }
@@ -113,6 +120,7 @@ int parse(int argc, char** argv, Options& options) {
                                       {"snapshots", required_argument, nullptr, 'd'},
                                       {"keep", required_argument, nullptr, 'n'},
                                       {"syslog", no_argument, nullptr, 'g'},
+                                      {"crash-dumps", optional_argument, nullptr, 'x'},
                                       {"help", no_argument, nullptr, 'h'},
                                       {nullptr, 0, nullptr, 0}};
     for (int c = 0; (c = getopt_long(argc, argv, "", kOptions, nullptr)) != -1;) {
