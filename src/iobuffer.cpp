@@ -29,16 +29,16 @@ bool outOfMemory(const char* operation, int error) {
 }
 
 // Length of the mapping that holds a buffer of that size. A large one reaches ahead by up to 1/64,
-// so that growing by little does not ask the kernel each time.
+// so that growing by little does not ask the kernel each time. Where size_t has 32 bits, the last
+// steps below 4 GiB give 0, which the kernel refuses.
 size_t mappingLength(unsigned int size) {
     if (size < kReachAheadFrom) return size;
     const size_t step = (size_t{1} << (31 - __builtin_clz(size))) / 64;
     return (size + step - 1) / step * step;
 }
 
-void* mapNew(unsigned int size) {
-    return mmap(nullptr, mappingLength(size), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS,
-                -1, 0);
+void* mapNew(size_t length) {
+    return mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
 }
 
 // Of a buffer that grows step by step, the pages of a step are about to be used: bringing them in
@@ -102,25 +102,18 @@ bool IOBuffer::grow(unsigned int n) {
     const uint64_t wanted = (uint64_t{n} + live + pageSize_ - 1) & ~uint64_t{pageSize_ - 1};
     if (wanted > UINT32_MAX) return outOfMemory("EnsureSize", ENOMEM);
     const auto newSize = static_cast<unsigned int>(wanted);
-    // What MoveData() left because it overlaps needs no other mapping, unless there is to be a
-    // larger one.
-    if (newSize <= size_) rebase(data_);
-    if (data_ != nullptr && consumed_ == 0) return resize(newSize, "EnsureSize");
-
-    void* const storage = mapNew(newSize);
-    if (storage == MAP_FAILED) return outOfMemory("EnsureSize", errno);
-    unsigned char* const old = data_;
-    rebase(static_cast<unsigned char*>(storage));
-    if (old != nullptr) munmap(old, mappingLength(size_));
-    size_ = newSize;
+    // The data move inside the storage, although they overlap their new place: a second mapping
+    // would hold a backlog twice, and would cost more time in page faults than the copy. A storage
+    // that gets shorter must not cut them off before.
+    if (newSize <= size_) moveToStart();
+    if (!resize(newSize, "EnsureSize")) return false;
+    if (consumed_ != 0) moveToStart();
     return true;
 }
 
-// Takes the valid data to the start of a storage, which becomes the buffer's own.
-void IOBuffer::rebase(unsigned char* storage) {
+void IOBuffer::moveToStart() {
     const unsigned int live = Available();
-    if (live > 0) memmove(storage, Begin(), live);
-    data_ = storage;
+    if (live > 0) memmove(data_, Begin(), live);
     published_ = live;
     consumed_ = 0;
 }
@@ -129,7 +122,8 @@ bool IOBuffer::resize(unsigned int newSize, const char* operation) {
     const size_t before = mappingLength(size_);
     const size_t after = mappingLength(newSize);
     if (before != after) {
-        void* const storage = mremap(data_, before, after, MREMAP_MAYMOVE);
+        void* const storage =
+            data_ == nullptr ? mapNew(after) : mremap(data_, before, after, MREMAP_MAYMOVE);
         if (storage == MAP_FAILED) return outOfMemory(operation, errno);
         data_ = static_cast<unsigned char*>(storage);
         prepareStep(data_, before, after);
@@ -146,7 +140,7 @@ void IOBuffer::shrink() {
 }
 
 bool IOBuffer::MoveData() {
-    if (consumed_ >= Available()) rebase(data_);
+    if (consumed_ >= Available()) moveToStart();
     return true;
 }
 

@@ -84,9 +84,8 @@ class KEST_API IOBuffer {
 
     /// Appends the concatenation of `count` vectors without its first `skip` bytes. The vectors may
     /// be parts of this buffer's own data.
-    /// @return true, also for a `count` below 1; false as EnsureSize(), what was appended until
-    /// then
-    ///         stays.
+    /// @return true, also for a `count` below 1; false as EnsureSize(): what was appended until
+    ///         then stays.
     bool ReadFromBuffer(iovec const* vec, int count, unsigned int skip);
 
     /// Appends `n` copies of `value`.
@@ -170,7 +169,7 @@ class KEST_API IOBuffer {
 
   private:
     bool grow(unsigned int n);
-    void rebase(unsigned char* storage);
+    void moveToStart();
     bool resize(unsigned int newSize, const char* operation);
     bool growAndAppend(unsigned char const* src, unsigned int n);
     bool appendOwn(unsigned char const* src, unsigned int n);
