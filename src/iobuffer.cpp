@@ -207,6 +207,8 @@ bool IOBuffer::ReadFromTCPFd(int fd, unsigned int n, int& got) {
     if (n == 0) return false;
     got = -1;
     if (!EnsureSize(n)) return false;
+    // Success leaves errno alone: an old EAGAIN would make a closed connection look merely idle.
+    errno = 0;
     got = static_cast<int>(::recv(fd, data_ + published_, n, MSG_DONTWAIT));
     if (got >= 0) {
         published_ += static_cast<unsigned int>(got);

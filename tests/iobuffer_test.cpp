@@ -101,7 +101,8 @@ TEST_F(IOBufferTest, ReportsWhatDescriptorsDo) {
     EXPECT_TRUE(bind(ends[0], &anyName, 2) == 0 && other.ReadFromUDPFd(ends[1], got, from));
     EXPECT_EQ(AF_UNIX, from.sin_family) << "the nameless sender before it set the length to 0";
     EXPECT_TRUE(other.ReadFromTCPFd(ends[1], 9, got) && other.ReadFromTCPFd(ends[0], 9, got));
-    EXPECT_TRUE(got == 0 && other.Available() == 20);
+    EXPECT_TRUE(got == 0 && errno == EAGAIN && other.Available() == 20);
+    EXPECT_TRUE(write(ends[1], "", 0) == 0 && other.ReadFromTCPFd(ends[0], 9, got) && errno == 0);
     EXPECT_FALSE(other.ReadFromFd(ends[0], 9, got) || other.ReadFromTCPFd(-1, 5, got) ||
                  other.ReadFromUDPFd(-1, got, from) || buffer.WriteToFd(-1, 5, got));
     EXPECT_EQ(4u, kest::test::logTexts().size());

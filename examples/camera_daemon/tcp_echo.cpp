@@ -3,6 +3,7 @@
 #include <sys/epoll.h>
 #include <sys/socket.h>
 
+#include <cerrno>
 #include <utility>
 
 #include <kest/utils/lowlevelsocket.h>
@@ -87,13 +88,10 @@ void TcpEcho::serve(unsigned number, int events) {
 bool TcpEcho::transfer(Connection& connection, uint32_t events) {
     const int fd = connection.fd.get();
     if ((events & (EPOLLIN | EPOLLHUP | EPOLLERR)) != 0 && !connection.inputEnded) {
-        const unsigned before = connection.buffer.Available();
         int got = 0;
         if (!connection.buffer.ReadFromTCPFd(fd, kReadSize, got)) return false;
-        // Nothing read although the socket reported input: the peer has closed its side.
-        const bool grew = connection.buffer.Available() > before;
-        connection.inputEnded = !grew && (events & EPOLLIN) != 0;
-        if (!grew && (events & EPOLLERR) != 0) return false;
+        connection.inputEnded = got == 0 && errno == 0;
+        if (got == 0 && (events & EPOLLERR) != 0) return false;
     }
     int written = 0;
     if (!connection.buffer.WriteToFd(fd, connection.buffer.Available(), written)) return false;

@@ -20,7 +20,8 @@ namespace kest::utils {
 /// @code
 ///     kest::utils::IOBuffer input("control connection");
 ///     int got = 0;
-///     if (!input.ReadFromTCPFd(fd, 4096, got) || got == 0) return closeConnection();
+///     if (!input.ReadFromTCPFd(fd, 4096, got)) return closeConnection();
+///     if (got == 0) return errno == 0 ? closeConnection() : waitForMore();
 ///     while (unsigned int used = parseFrame(input.Begin(), input.Available())) input.Ignore(used);
 /// @endcode
 ///
@@ -99,8 +100,8 @@ class KEST_API IOBuffer {
     bool ReadFromFd(int fd, unsigned int n, int& got);
 
     /// One `recv` of up to `n` bytes that never blocks.
-    /// @param got  number of bytes, 0 when nothing is there (`errno` is `EAGAIN`) or the peer has
-    ///             closed, -1 on an error.
+    /// @param got  number of bytes; 0 when the peer has closed (`errno` is 0) or nothing is there
+    ///             (`errno` is not 0); -1 on an error.
     /// @return true; false when `n` is 0, and, with a log line, on an error.
     bool ReadFromTCPFd(int fd, unsigned int n, int& got);
 
