@@ -8,6 +8,7 @@
 #include <cstring>
 #include <exception>
 
+#include "c_path.h"
 #include "log.h"
 #include "unique_fd.h"
 
@@ -53,7 +54,7 @@ bool File::Initialize(std::string const& path, int mode, int extraFlags) {
         return false;
     }
     const int flags = kModeFlags[mode] | extraFlags;
-    const int fd = ::open(path_.c_str(), flags | O_CLOEXEC, kPermissions);
+    const int fd = ::open(detail::cPath(path_), flags | O_CLOEXEC, kPermissions);
     if (fd == -1) {
         KEST_LOG(KEST_ERROR, errno, "Unable to open file %s with mode `%x`", path_.c_str(),
                  static_cast<unsigned int>(flags));

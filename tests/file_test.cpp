@@ -60,7 +60,7 @@ TEST_F(FileTest, ModesOpenAsDocumented) {
         EXPECT_EQ(mode != File::Read, file.WriteString("new"));
         EXPECT_EQ(contents[mode], kest::test::readFile(path)) << mode;
     }
-    EXPECT_FALSE(file.Initialize(path, 4));
+    EXPECT_FALSE(file.Initialize(path + '\0', File::Read) || file.Initialize(path, 4));
     EXPECT_EQ("Initialize 3 Invalid open mode", lastLog());
     EXPECT_FALSE(file.Initialize("/", File::Append, O_EXCL));
     EXPECT_EQ("Initialize 3 Unable to open file / with mode `4c2`", lastLog());

@@ -58,7 +58,8 @@ class KEST_API File : public FdReaderWriter {
     File& operator=(const File&) = delete;
 
     /// Opens a file, after closing the one that was open. The descriptor is close-on-exec.
-    /// @param path        remembered also when the file cannot be opened.
+    /// @param path        remembered also when the file cannot be opened. With a NUL byte in it, it
+    ///                    names no file.
     /// @param mode        one of Mode; any other number fails. A new file gets permission 0666 less
     ///                    the umask.
     /// @param extraFlags  flags of open(2) to add, such as `O_EXCL`.
