@@ -26,10 +26,11 @@ constexpr unsigned long long kReadAllLimit = 0xffffffff;
 // Large enough that one step reads nearly every file there is.
 constexpr unsigned long long kReadStep = 4 << 20;
 
-// Makes room for `size` bytes without copying what is there.
+// Makes room for `size` bytes. What is too small goes first: both together could be more memory
+// than there is, and a text that has grown before may ask for twice of what it had.
 bool makeRoom(std::string& text, unsigned long long size) {
     if (text.capacity() >= size) return true;
-    text.clear();
+    std::string().swap(text);
     try {
         text.reserve(static_cast<size_t>(size));
         return true;
