@@ -153,7 +153,7 @@ class KEST_API IOBuffer {
     ///
     /// Row offsets are decimal and count from the first valid byte. A byte outside the printable
     /// ASCII characters shows as '.'. Offsets of more than 8 digits widen their column in every
-    /// row.
+    /// row. A byte takes five characters: give a limit where the buffer may be large.
     /// @param start  number of valid bytes to leave out at the front.
     /// @param limit  show at most so many bytes; 0 shows all, and leaves "Limited to" out.
     std::string ToString(unsigned int start = 0, unsigned int limit = 0) const;
