@@ -29,6 +29,7 @@ namespace {
 
 using detail::cPath;
 using detail::isDots;
+using detail::kSafeOpen;
 using detail::sameFile;
 using detail::UniqueDir;
 using detail::UniqueFd;
@@ -226,7 +227,7 @@ bool syncDir(const char* path) {
 
 bool syncFile(const char* path, bool syncParent) {
     if (path == nullptr) return false;
-    const UniqueFd fd(::open(path, O_RDONLY | O_CLOEXEC));
+    const UniqueFd fd(::open(path, O_RDONLY | kSafeOpen));
     if (!fd.valid() || ::fsync(fd.get()) != 0) return false;
     return !syncParent || syncDir(dirname_safe(path).c_str());
 }
@@ -273,7 +274,7 @@ bool copyFile(const char* src, const char* dst) {
         KEST_LOG(KEST_ERROR, errno, unableToAccess(), src);
         return false;
     }
-    const UniqueFd in(::open(src, O_RDONLY | O_CLOEXEC));
+    const UniqueFd in(::open(src, O_RDONLY | kSafeOpen));
     if (!in.valid()) {
         KEST_LOG(KEST_ERROR, errno, "Unable to open '%s'", src);
         return false;
@@ -281,7 +282,7 @@ bool copyFile(const char* src, const char* dst) {
     // To open a file for a copy of itself would be to lose its content.
     struct stat target = {};
     if (::stat(dst, &target) == 0 && sameFile(source, target)) return true;
-    const UniqueFd out(::open(dst, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, source.st_mode));
+    const UniqueFd out(::open(dst, O_WRONLY | O_CREAT | O_TRUNC | kSafeOpen, source.st_mode));
     if (!out.valid()) {
         KEST_LOG(KEST_ERROR, errno, "Unable to open '%s'", dst);
         return false;
@@ -295,7 +296,7 @@ bool touchFile(const std::string& path, bool create) {
         KEST_LOG(KEST_WARNING, 0, "Couldn't open() path: %s", name);
         return false;
     }
-    const UniqueFd fd(::open(name, O_RDWR | O_CREAT | O_CLOEXEC, 0666));
+    const UniqueFd fd(::open(name, O_RDWR | O_CREAT | kSafeOpen, 0666));
     if (!fd.valid()) {
         KEST_LOG(KEST_ERROR, errno, "Couldn't open() path: %s", name);
         return false;
@@ -304,6 +305,8 @@ bool touchFile(const std::string& path, bool create) {
 }
 
 std::vector<uint8_t> readFromFile(const std::string& path) {
+    // Nothing else has a size, and to open a FIFO would be to wait for its other end.
+    if (fileExists(cPath(path), true) && !isFile(path)) return {};
     File file;
     if (!file.Initialize(cPath(path), File::Read)) return {};
     std::vector<uint8_t> content;

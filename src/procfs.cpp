@@ -29,10 +29,6 @@ constexpr unsigned kKernelCommandLineLimit = 1024;
 constexpr size_t kPathLimit = 4096;
 constexpr unsigned kScanPauseMs = 2;
 
-// A path from a configuration may be a FIFO without a peer or a terminal: neither waits for it nor
-// makes it the daemon's controlling terminal.
-constexpr int kSafeOpen = O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
-
 // Appends to `text` until the end of the file or until it has `limit` bytes.
 bool readUpTo(int fd, size_t limit, std::string& text) {
     char chunk[kChunkSize];
@@ -94,7 +90,7 @@ int getPidsByName(const std::string& name, int* pids, int maxPids) {
 
 int readProc(const std::string& path, std::string& out, unsigned short maxSize) {
     // Opened before `out` is emptied: the caller may have passed one string for both.
-    const detail::UniqueFd fd(::open(detail::cPath(path), O_RDONLY | kSafeOpen));
+    const detail::UniqueFd fd(::open(detail::cPath(path), O_RDONLY | detail::kSafeOpen));
     out.clear();
     if (fd.get() < 1) return -1;
     std::string buffer(maxSize, '\0');
@@ -107,7 +103,7 @@ int readProc(const std::string& path, std::string& out, unsigned short maxSize) 
 
 int writeProc(const std::string& path, const std::string& text) {
     const detail::UniqueFd fd(
-        ::open(detail::cPath(path), O_WRONLY | O_CREAT | O_TRUNC | kSafeOpen, 0666));
+        ::open(detail::cPath(path), O_WRONLY | O_CREAT | O_TRUNC | detail::kSafeOpen, 0666));
     if (fd.get() < 1) return -1;
     // The terminating NUL is part of what readers of these files expect.
     const size_t size = text.size() + 1;
@@ -123,7 +119,7 @@ bool ReadProcFile(const char* path, std::string& out, unsigned maxSize) {
     // `path` may point into `out`, so the name for the log is kept.
     const std::string name = path == nullptr ? "" : path;
     out.clear();
-    const detail::UniqueFd fd(::open(name.c_str(), O_RDONLY | kSafeOpen));
+    const detail::UniqueFd fd(::open(name.c_str(), O_RDONLY | detail::kSafeOpen));
     if (!fd.valid()) {
         KEST_LOG_AS("Init", KEST_ERROR, errno, "Unable to open file `%s`", name.c_str());
         return false;

@@ -188,6 +188,12 @@ TEST_F(FileUtilsTest, CopyFileOfAShrinkingSourceOrToAFullMediumEnds) {
                 ElementsAre("Failed to splice() from pipe to dst", "Unable to fstat()"));
 }
 
+TEST_F(FileUtilsTest, NobodyWaitsForTheOtherEndOfAFifo) {
+    ASSERT_EQ(0, mkfifo((dir / "fifo").c_str(), 0600));
+    EXPECT_TRUE(copy(dir / "fifo", dir / "dst") && readFromFile(dir / "fifo").empty());
+    EXPECT_FALSE(copy(dir / "dst", dir / "fifo") || syncFile((dir / "fifo").c_str(), false));
+}
+
 TEST_F(FileUtilsTest, FailuresAreLoggedWithTheirTexts) {
     const std::string none = dir / "none/x";
     writeFile(dir / "file", "");

@@ -4,8 +4,8 @@
 ///
 /// They never throw for control flow. Those that say so log their failures; the others are silent.
 /// A failure leaves `errno` as the failing system call set it. A null path is a failure. A
-/// `std::string` with a NUL byte in it counts as an empty path, as no file can have that name. To
-/// open a FIFO is to wait for its other end.
+/// `std::string` with a NUL byte in it counts as an empty path, as no file can have that name. Only
+/// cpR() ever waits for the other end of a FIFO.
 #pragma once
 
 #include <sys/stat.h>
