@@ -41,31 +41,31 @@ bool faulty(const char* call) {
 
 }  // namespace
 
-#define LIBC(name) reinterpret_cast<decltype(&name)>(dlsym(RTLD_NEXT, #name))
+#define LIBC(name) reinterpret_cast<decltype(&(name))>(dlsym(RTLD_NEXT, #name))
 #define FAULTY(result, name, parameters, arguments) \
     extern "C" result name parameters {             \
         static const auto real = LIBC(name);        \
         return faulty(#name) ? -1 : real arguments; \
     }
-FAULTY(int, pipe2, (int* ends, int flags), (ends, flags))
+FAULTY(int, pipe2, (int* pipedes, int flags), (pipedes, flags))
 FAULTY(pid_t, fork, (), ())
-FAULTY(pid_t, waitpid, (pid_t pid, int* status, int options), (pid, status, options))
-FAULTY(ssize_t, write, (int fd, const void* data, size_t size), (fd, data, size))
+FAULTY(pid_t, waitpid, (pid_t pid, int* stat_loc, int options), (pid, stat_loc, options))
+FAULTY(ssize_t, write, (int fd, const void* buf, size_t n), (fd, buf, n))
 
-extern "C" int fcntl64(int fd, int command, ...) {
+extern "C" int fcntl64(int fd, int cmd, ...) {
     static const auto real = LIBC(fcntl64);
     va_list list;
-    va_start(list, command);
+    va_start(list, cmd);
     void* const argument = va_arg(list, void*);
     va_end(list);
-    return command == F_SETFL && faulty("fcntl") ? -1 : real(fd, command, argument);
+    return cmd == F_SETFL && faulty("fcntl") ? -1 : real(fd, cmd, argument);
 }
 
 // A pid arrives byte by byte.
-extern "C" ssize_t read(int fd, void* data, size_t size) {
+extern "C" ssize_t read(int fd, void* buf, size_t nbytes) {
     static const auto real = LIBC(read);
-    if (size > sizeof(int)) return real(fd, data, size);
-    return faulty("read pid") ? (errno == 0 ? 0 : -1) : real(fd, data, 1);
+    if (nbytes > sizeof(int)) return real(fd, buf, nbytes);
+    return faulty("read pid") ? (errno == 0 ? 0 : -1) : real(fd, buf, 1);
 }
 
 namespace {

@@ -27,18 +27,18 @@ static std::function<int(bool toFile)> onSplice;
 static size_t spliceLimit = 4096;  // of what moves on to the file; what moves from it, 3 times that
 static std::function<void(const std::string& path)> onOpenat;
 
-extern "C" ssize_t splice(int from, loff_t* fromOffset, int to, loff_t* toOffset, size_t length,
+extern "C" ssize_t splice(int fdin, loff_t* offin, int fdout, loff_t* offout, size_t len,
                           unsigned flags) {
-    if (onSplice && (errno = onSplice(toOffset != nullptr)) != 0) return -1;
+    if (onSplice && (errno = onSplice(offout != nullptr)) != 0) return -1;
     static const auto next = reinterpret_cast<decltype(&splice)>(dlsym(RTLD_NEXT, "splice"));
-    length = std::min(length, toOffset != nullptr ? spliceLimit : 3 * spliceLimit);
-    return next(from, fromOffset, to, toOffset, length, flags);
+    len = std::min(len, offout != nullptr ? spliceLimit : 3 * spliceLimit);
+    return next(fdin, offin, fdout, offout, len, flags);
 }
 
-extern "C" int openat64(int at, const char* path, int flags, ...) {
-    if (onOpenat) onOpenat(path);
+extern "C" int openat64(int fd, const char* file, int oflag, ...) {
+    if (onOpenat) onOpenat(file);
     static const auto next = reinterpret_cast<decltype(&openat64)>(dlsym(RTLD_NEXT, "openat64"));
-    return next(at, path, flags);
+    return next(fd, file, oflag);
 }
 
 class FileUtilsTest : public CleanTest {
