@@ -114,6 +114,7 @@ TEST_F(ExecTest, RunningInstanceRefusesChangesUntilStopKillsTheProgram) {
     exec.setExe("/bin/true").pushArg("x");
     const std::string refusal = "Setter applicable only to never serviced instance";
     EXPECT_THAT(logTexts(), ElementsAre(refusal, refusal));
+    EXPECT_EQ(3, logLines()[0].level);
     EXPECT_EQ("/bin/sh -c exec sleep 60", exec.cmd());
     EXPECT_FALSE(exec.start());
     EXPECT_EQ(10, exec.code());
@@ -245,6 +246,7 @@ TEST_F(ExecTest, StopDoesNotWaitForAGrandchildThatKeepsThePipe) {
     EXPECT_GT(1000, nowMs() - begin);
     EXPECT_GT(CLOCKS_PER_SEC / 20, clock() - cpu);
     EXPECT_THAT(logTexts(), ElementsAre("Timeout reading from stopped process pipes, name 'test'"));
+    EXPECT_EQ(4, logLines()[0].level);
     EXPECT_EQ(0, kill(std::stoi(text()), SIGKILL));
 }
 
@@ -279,6 +281,7 @@ TEST_F(ExecTest, WrappersPassArgumentsAndTrimWhatTheyCapture) {
         ElementsAre("Failed to start SysExec with code=20, cmd=''",
                     "Failed to service SysExec code=100, cmd='/bin/sh -c echo lost; kill $$'",
                     "Timeout executing, cmd='/usr/bin/yes ab'"));
+    EXPECT_TRUE(logLines()[0].level == 3 && logLines()[1].level == 3 && logLines()[2].level == 4);
 }
 
 TEST_F(ExecTest, DaemonStartsDetachedWithItsOwnMask) {
