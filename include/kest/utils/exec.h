@@ -163,8 +163,9 @@ class KEST_API SysExec {
 /// Standard input comes from `in`, output goes to `out` and `err`; a null one is /dev/null.
 /// Captured text is trimmed; where nothing was captured the string is **left as it was**. Text
 /// beyond a threshold is not read (0: no limit). After `timeoutMs` (0: never) the program is
-/// killed, and what it wrote until then is delivered; give one with every threshold, as a program
-/// that writes beyond it stands still.
+/// killed, and what it wrote until then is delivered. Give one with every threshold, as a program
+/// that writes beyond it stands still, and with every `in`: a program that reads it to end-of-file
+/// waits for ever, and one that ends without taking it may fail the run (InputFailed).
 /// @return the status as `waitpid` gives it (0 success, exit code n is n * 256), or -1 and a line
 ///         logged: not started, killed by a signal, out of time, or a pipe failed.
 /// @{
