@@ -45,8 +45,7 @@ struct IOBufferTest : kest::test::CleanTest, NothingLeftMapped {
 
 TEST_F(IOBufferTest, MovesOnlyWithoutOverlapAndShrinksWhenEmpty) {
     buffer.ReadFromRepeat('x', 8), buffer.Ignore(3), buffer.MoveData();
-    EXPECT_EQ(3u, buffer.Consumed());
-    buffer.Ignore(1), buffer.MoveData();
+    EXPECT_TRUE(buffer.Consumed() == 3 && buffer.Ignore(1) && buffer.MoveData());
     EXPECT_TRUE(buffer.Consumed() == 0 && buffer.EnsureSize(page - 3));
     for (const unsigned limit : {0U, 2 * page, page + 1}) {
         EXPECT_EQ(2 * page, buffer.Capacity());
