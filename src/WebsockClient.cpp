@@ -12,7 +12,7 @@ namespace kest::utils::websock {
 namespace {
 
 template <typename Function>
-std::shared_ptr<const Function> boxed(Function&& callback) {
+std::shared_ptr<const Function> boxed(Function callback) {
     return std::make_shared<const Function>(std::move(callback));
 }
 

@@ -23,6 +23,8 @@ constexpr int kLongestWaitMs = 60 * 60 * 1000 / 4;
 constexpr int kShortestWaitMs = 10;
 constexpr int kRetryMs = 1000;
 constexpr int kMostForcedServices = 64;
+// Otherwise the library sends in steps of 4096 bytes, and copies the rest before the first.
+constexpr size_t kMostPerWrite = 65536;
 constexpr const char* kNoReason = "null";
 
 void logLibraryLine(int /*level*/, const char* line) {
@@ -74,9 +76,8 @@ std::string reasonOf(const void* text, size_t length) {
 }
 
 template <typename Box, typename... Arguments>
-void call(const Box& callback, Arguments&&... arguments) {
-    const Box kept = callback;
-    if (kept != nullptr && *kept) (*kept)(std::forward<Arguments>(arguments)...);
+void call(Box callback, Arguments&&... arguments) {
+    if (callback != nullptr && *callback) (*callback)(std::forward<Arguments>(arguments)...);
 }
 
 }  // namespace
@@ -98,7 +99,7 @@ class Session::Entry {
 };
 
 const lws_protocols Session::kProtocols[] = {
-    {"kest", &Session::protocol_callback, 0, 0, 0, nullptr, 0},
+    {"kest", &Session::protocol_callback, 0, 0, 0, nullptr, kMostPerWrite},
     {nullptr, nullptr, 0, 0, 0, nullptr, 0},
 };
 
@@ -294,31 +295,41 @@ void Session::tellEnd(const std::string& reason) {
     }
 }
 
+// Asked for a dozen times for each message: among the reasons are several that nobody handles.
 Session::Handler Session::handlerOf(lws_callback_reasons reason) {
-#define KEST_HANDLE(name, handled) \
-    { LWS_CALLBACK_##name, &Session::on_LWS_CALLBACK_##handled }
-    static const std::map<lws_callback_reasons, Handler> reasonHandlers = {
-        KEST_HANDLE(CLIENT_APPEND_HANDSHAKE_HEADER, CLIENT_APPEND_HANDSHAKE_HEADER),
-        KEST_HANDLE(OPENSSL_PERFORM_SERVER_CERT_VERIFICATION,
-                    OPENSSL_PERFORM_SERVER_CERT_VERIFICATION),
-        KEST_HANDLE(CLIENT_ESTABLISHED, CLIENT_ESTABLISHED),
-        KEST_HANDLE(CLIENT_RECEIVE, CLIENT_RECEIVE),
-        KEST_HANDLE(CLIENT_RECEIVE_PONG, CLIENT_RECEIVE_PONG),
-        KEST_HANDLE(CLIENT_WRITEABLE, CLIENT_WRITEABLE),
-        KEST_HANDLE(WS_PEER_INITIATED_CLOSE, WS_PEER_INITIATED_CLOSE),
+    switch (reason) {
+        case LWS_CALLBACK_CLIENT_APPEND_HANDSHAKE_HEADER:
+            return &Session::on_LWS_CALLBACK_CLIENT_APPEND_HANDSHAKE_HEADER;
+        case LWS_CALLBACK_OPENSSL_PERFORM_SERVER_CERT_VERIFICATION:
+            return &Session::on_LWS_CALLBACK_OPENSSL_PERFORM_SERVER_CERT_VERIFICATION;
+        case LWS_CALLBACK_CLIENT_ESTABLISHED:
+            return &Session::on_LWS_CALLBACK_CLIENT_ESTABLISHED;
+        case LWS_CALLBACK_CLIENT_RECEIVE:
+            return &Session::on_LWS_CALLBACK_CLIENT_RECEIVE;
+        case LWS_CALLBACK_CLIENT_RECEIVE_PONG:
+            return &Session::on_LWS_CALLBACK_CLIENT_RECEIVE_PONG;
+        case LWS_CALLBACK_CLIENT_WRITEABLE:
+            return &Session::on_LWS_CALLBACK_CLIENT_WRITEABLE;
+        case LWS_CALLBACK_WS_PEER_INITIATED_CLOSE:
+            return &Session::on_LWS_CALLBACK_WS_PEER_INITIATED_CLOSE;
         // Which of them reports an end depends on the library's version and on how far it came.
-        KEST_HANDLE(CLOSED, CLOSED),
-        KEST_HANDLE(CLIENT_CLOSED, CLOSED),
-        KEST_HANDLE(CLOSED_CLIENT_HTTP, CLOSED),
-        KEST_HANDLE(CLIENT_CONNECTION_ERROR, CLIENT_CONNECTION_ERROR),
-        KEST_HANDLE(WSI_DESTROY, WSI_DESTROY),
-        KEST_HANDLE(ADD_POLL_FD, ADD_POLL_FD),
-        KEST_HANDLE(DEL_POLL_FD, DEL_POLL_FD),
-        KEST_HANDLE(CHANGE_MODE_POLL_FD, CHANGE_MODE_POLL_FD),
-    };
-#undef KEST_HANDLE
-    const auto handler = reasonHandlers.find(reason);
-    return handler == reasonHandlers.end() ? nullptr : handler->second;
+        case LWS_CALLBACK_CLOSED:
+        case LWS_CALLBACK_CLIENT_CLOSED:
+        case LWS_CALLBACK_CLOSED_CLIENT_HTTP:
+            return &Session::on_LWS_CALLBACK_CLOSED;
+        case LWS_CALLBACK_CLIENT_CONNECTION_ERROR:
+            return &Session::on_LWS_CALLBACK_CLIENT_CONNECTION_ERROR;
+        case LWS_CALLBACK_WSI_DESTROY:
+            return &Session::on_LWS_CALLBACK_WSI_DESTROY;
+        case LWS_CALLBACK_ADD_POLL_FD:
+            return &Session::on_LWS_CALLBACK_ADD_POLL_FD;
+        case LWS_CALLBACK_DEL_POLL_FD:
+            return &Session::on_LWS_CALLBACK_DEL_POLL_FD;
+        case LWS_CALLBACK_CHANGE_MODE_POLL_FD:
+            return &Session::on_LWS_CALLBACK_CHANGE_MODE_POLL_FD;
+        default:
+            return nullptr;
+    }
 }
 
 int Session::protocol_callback(lws* wsi, lws_callback_reasons reason, void* user, void* in,
