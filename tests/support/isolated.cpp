@@ -16,43 +16,32 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 
-#include <kest/utils/timer.h>
+#include <kest/utils/string_utils.h>
 
 #include "support/temp_dir.h"
-#if defined(__SANITIZE_ADDRESS__)
-#define KEST_TEST_LEAK_CHECK
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define KEST_TEST_LEAK_CHECK
-#endif
-#endif
-#ifdef KEST_TEST_LEAK_CHECK
-#include <sanitizer/lsan_interface.h>
-#endif
+
+// There in programs with AddressSanitizer only.
+extern "C" __attribute__((weak)) int __lsan_do_recoverable_leak_check();
 
 namespace kest::test {
-namespace {
 
 namespace fs = std::filesystem;
+using utils::format;
+
+namespace {
 
 // What the children tell the test: "<type>\0<file>\0<line>\0<message>\0" for each result, and
 // kDone when the function has come to its end.
 constexpr const char* kDone = "done";
 
 void send(int pipe, const std::string& type, const char* file, int line, const char* message) {
-    const std::string text = type + '\0' + (file == nullptr ? "" : file) + '\0' +
-                             std::to_string(line) + '\0' + message + '\0';
-    size_t sent = 0;
-    while (sent < text.size()) {
-        const ssize_t count = ::write(pipe, text.data() + sent, text.size() - sent);
-        if (count == -1 && errno != EINTR) return;
-        if (count > 0) sent += static_cast<size_t>(count);
-    }
+    dprintf(pipe, "%s%c%s%c%d%c%s%c", type.c_str(), 0, file == nullptr ? "" : file, 0, line, 0,
+            message, 0);
 }
 
 // Takes the place of the listener that prints, so that each result is printed once, by the test.
@@ -94,30 +83,19 @@ void repeat(const std::string& type, const std::string& file, int line,
 
 // Passes on what the children told.
 void repeatAll(const std::string& told) {
-    std::vector<std::string> fields;
-    for (size_t start = 0, end = 0; (end = told.find('\0', start)) != std::string::npos;
-         start = end + 1) {
-        fields.push_back(told.substr(start, end - start));
-    }
-    for (size_t i = 0; i + 4 <= fields.size(); i += 4) {
-        if (fields[i] == kDone) continue;
-        repeat(fields[i], fields[i + 1], std::atoi(fields[i + 2].c_str()), fields[i + 3]);
+    std::istringstream fields(told);
+    const auto next = [&](std::string& field) -> bool { return !!getline(fields, field, '\0'); };
+    for (std::string type, file, line, message;
+         next(type) && next(file) && next(line) && next(message);) {
+        if (type != kDone) repeat(type, file, std::stoi(line), message);
     }
 }
 
-std::string readAll(int fd) {
-    std::string text;
-    char buffer[4096];
-    for (;;) {
-        const ssize_t count = ::read(fd, buffer, sizeof(buffer));
-        if (count == 0 || (count == -1 && errno != EINTR)) return text;
-        if (count > 0) text.append(buffer, static_cast<size_t>(count));
-    }
-}
-
-void wait(pid_t pid) {
-    while (waitpid(pid, nullptr, 0) == -1 && errno == EINTR) {
-    }
+int wait(pid_t pid) {
+    int status = -1;
+    while (waitpid(pid, &status, 0) == -1 && errno == EINTR)
+        continue;
+    return status;
 }
 
 // Leaves at once: nothing of the test program's own clean-up belongs here.
@@ -126,18 +104,14 @@ void wait(pid_t pid) {
     _exit(0);
 }
 
-bool writeText(const char* path, const std::string& text) {
-    std::ofstream out(path);
-    out << text;
-    return static_cast<bool>(out.flush());
-}
-
 // Root of a user namespace, for those who are not root yet.
 bool becomeRoot() {
-    const std::string user = "0 " + std::to_string(geteuid()) + " 1";
-    const std::string group = "0 " + std::to_string(getegid()) + " 1";
-    return unshare(CLONE_NEWUSER) == 0 && writeText("/proc/self/uid_map", user) &&
-           writeText("/proc/self/setgroups", "deny") && writeText("/proc/self/gid_map", group);
+    const auto put = [](const char* path, const std::string& text) {
+        return !(std::ofstream(path) << text << std::flush).fail();
+    };
+    const std::string user = format("0 %u 1", geteuid()), group = format("0 %u 1", getegid());
+    return unshare(CLONE_NEWUSER) == 0 && put("/proc/self/uid_map", user) &&
+           put("/proc/self/setgroups", "deny") && put("/proc/self/gid_map", group);
 }
 
 bool raiseLoopback() {
@@ -150,8 +124,41 @@ bool raiseLoopback() {
     return up;
 }
 
+// The function itself. An exception must not get back to the test.
+[[noreturn]] void runFunction(const std::function<void()>& function, int pipe) noexcept {
+    setsid();  // a signal to the process group must not reach the test
+    function();
+    if (__lsan_do_recoverable_leak_check != nullptr && __lsan_do_recoverable_leak_check() != 0)
+        ADD_FAILURE() << "memory leaked, see above";
+    send(pipe, kDone, "", 0, "");
+    leave();
+}
+
+// Waits for the function and reaps orphans meanwhile.
+void supervise(pid_t function) {
+    signal(SIGCHLD, SIG_DFL);
+    int status = 0;
+    while (waitpid(-1, &status, 0) != function)
+        continue;
+    if (WIFSIGNALED(status)) ADD_FAILURE() << "killed: " << strsignal(WTERMSIG(status));
+    if (WIFEXITED(status) && WEXITSTATUS(status) != 0)
+        ADD_FAILURE() << "ended with status " << WEXITSTATUS(status);
+}
+
+// Ends this process after a time, whatever it inherited.
+void dieAfter(unsigned seconds) {
+    sigset_t mask;
+    sigemptyset(&mask);
+    sigaddset(&mask, SIGALRM);
+    signal(SIGALRM, SIG_DFL);
+    sigprocmask(SIG_UNBLOCK, &mask, nullptr);
+    alarm(seconds);
+}
+
+}  // namespace
+
 // The private file system. Its functions report what fails.
-class Folders {
+class Isolated::Folders {
   public:
     bool empty(const fs::path& folder) {
         const fs::path place = fs::weakly_canonical(folder);
@@ -186,7 +193,7 @@ class Folders {
         return ::open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
     }
 
-    static std::string pathOf(int fd) { return "/proc/self/fd/" + std::to_string(fd); }
+    static std::string pathOf(int fd) { return format("/proc/self/fd/%d", fd); }
 
     static bool check(bool ok, const std::string& what) {
         if (!ok) ADD_FAILURE() << reason(what);
@@ -195,42 +202,34 @@ class Folders {
 
     bool isPrivate(const fs::path& folder) const {
         const auto covers = [&](const fs::path& known) {
-            return std::mismatch(known.begin(), known.end(), folder.begin(), folder.end()).first ==
-                   known.end();
+            return utils::startsWith((folder / "").string(), (known / "").string());
         };
         return std::any_of(private_.begin(), private_.end(), covers);
     }
 
     bool mountTmpfs(const fs::path& folder) {
-        const std::string mode = "mode=" + octal(fs::status(folder).permissions());
+        const auto mode = static_cast<unsigned>(fs::status(folder).permissions());
         private_.push_back(folder);
-        return check(mount("tmpfs", folder.c_str(), "tmpfs", 0, mode.c_str()) == 0, folder);
-    }
-
-    static std::string octal(fs::perms mode) {
-        char text[16];
-        snprintf(text, sizeof(text), "%o", static_cast<unsigned>(mode));
-        return text;
+        return check(
+            mount("tmpfs", folder.c_str(), "tmpfs", 0, format("mode=%o", mode).c_str()) == 0,
+            folder);
     }
 
     // The upper layer lives in a tmpfs that the overlay then hides: no folder of the machine is
     // needed for it.
     bool overlay(const fs::path& folder) {
-        if (folder == "/") {
-            ADD_FAILURE() << "the root folder cannot be made private";
-            return false;
-        }
+        if (folder == "/") return ADD_FAILURE() << "the root folder cannot be made private", false;
         // A device in a copy would still be the machine's own.
         if (folder == "/dev") return empty(folder);
         const fs::perms mode = fs::status(folder).permissions();
         const int original = openFolder(folder);
         if (!mountTmpfs(folder)) return false;
-        fs::create_directory(folder / "upper");
-        fs::create_directory(folder / "work");
-        fs::permissions(folder / "upper", mode);
-        const std::string options = "lowerdir=" + pathOf(original) +
-                                    ",upperdir=" + (folder / "upper").string() +
-                                    ",workdir=" + (folder / "work").string();
+        const std::string upper = folder / "upper", work = folder / "work";
+        fs::create_directory(upper);
+        fs::create_directory(work);
+        fs::permissions(upper, mode);
+        const std::string options = format("lowerdir=%s,upperdir=%s,workdir=%s",
+                                           pathOf(original).c_str(), upper.c_str(), work.c_str());
         const bool done = mount("overlay", folder.c_str(), "overlay", 0, options.c_str()) == 0;
         if (!done) skip(reason("overlay on " + folder.string()));
         ::close(original);
@@ -252,61 +251,18 @@ class Folders {
     std::vector<fs::path> private_;
 };
 
-// The function itself. An exception must not get back to the test.
-[[noreturn]] void runFunction(const std::function<void()>& function, int pipe) noexcept {
-    setsid();  // a signal to the process group must not reach the test
-    function();
-#ifdef KEST_TEST_LEAK_CHECK
-    if (__lsan_do_recoverable_leak_check() != 0) ADD_FAILURE() << "memory leaked, see above";
-#endif
-    send(pipe, kDone, "", 0, "");
-    leave();
-}
-
-void reportEnd(int status) {
-    if (WIFSIGNALED(status)) ADD_FAILURE() << "killed: " << strsignal(WTERMSIG(status));
-    if (WIFEXITED(status) && WEXITSTATUS(status) != 0) {
-        ADD_FAILURE() << "ended with status " << WEXITSTATUS(status);
-    }
-}
-
-// Waits for the function and reaps orphans meanwhile.
-void supervise(pid_t function, unsigned limitSeconds) {
-    signal(SIGCHLD, SIG_DFL);
-    sigset_t mask;
-    sigemptyset(&mask);
-    sigaddset(&mask, SIGCHLD);
-    sigprocmask(SIG_BLOCK, &mask, nullptr);
-    const int64_t deadline = nowMs() + int64_t{1000} * limitSeconds;
-    for (;;) {
-        int status = 0;
-        const pid_t ended = waitpid(-1, &status, WNOHANG);
-        if (ended == function) return reportEnd(status);
-        if (ended > 0) continue;
-        const int64_t left = deadline - nowMs();
-        if (left <= 0) break;
-        timespec time = {};
-        time.tv_sec = static_cast<time_t>(left / 1000);
-        time.tv_nsec = static_cast<long>(left % 1000) * 1000000;
-        sigtimedwait(&mask, nullptr, &time);
-    }
-    ADD_FAILURE() << "still running after " << limitSeconds << " s";
-}
-
-}  // namespace
-
 Isolated& Isolated::empty(const std::string& folder) {
-    steps_.push_back({Step::kEmpty, folder, "", 0});
+    steps_.push_back([=](Folders& folders) { return folders.empty(folder); });
     return *this;
 }
 
 Isolated& Isolated::copy(const std::string& folder) {
-    steps_.push_back({Step::kCopy, folder, "", 0});
+    steps_.push_back([=](Folders& folders) { return folders.makePrivate(folder); });
     return *this;
 }
 
 Isolated& Isolated::file(const std::string& path, const std::string& text, unsigned mode) {
-    steps_.push_back({Step::kFile, path, text, mode});
+    steps_.push_back([=](Folders& folders) { return folders.file(path, text, mode); });
     return *this;
 }
 
@@ -320,15 +276,6 @@ Isolated& Isolated::limit(unsigned seconds) {
     return *this;
 }
 
-bool Isolated::prepare() const {
-    Folders folders;
-    return std::all_of(steps_.begin(), steps_.end(), [&](const Step& step) {
-        if (step.kind == Step::kEmpty) return folders.empty(step.path);
-        if (step.kind == Step::kCopy) return folders.makePrivate(step.path);
-        return folders.file(step.path, step.text, step.mode);
-    });
-}
-
 // Process 1. When it ends, the kernel kills everything that is left in its namespace.
 void Isolated::runFirst(const std::function<void()>& function, int pipe) const noexcept {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -337,10 +284,13 @@ void Isolated::runFirst(const std::function<void()>& function, int pipe) const n
         skip(reason("mount of /proc, or loopback"));
         leave();
     }
-    if (!prepare()) leave();
+    Folders folders;
+    for (const auto& prepare : steps_) {
+        if (!prepare(folders)) leave();
+    }
     const pid_t child = fork();
     if (child == 0) runFunction(function, pipe);
-    supervise(child, limitSeconds_);
+    supervise(child);
     leave();
 }
 
@@ -355,6 +305,7 @@ void Isolated::runOutside(const std::function<void()>& function, int pipe) const
     prctl(PR_SET_PDEATHSIG, SIGKILL);  // a killed test program takes its children along
     const pid_t child = fork();
     if (child == 0) runFirst(function, pipe);
+    dieAfter(limitSeconds_);
     wait(child);
     leave();
 }
@@ -369,10 +320,12 @@ void Isolated::run(const std::function<void()>& function) const {
         runOutside(function, ends[1]);
     }
     ::close(ends[1]);
-    const std::string told = child > 0 ? readAll(ends[0]) : "";
+    const std::string told = child > 0 ? readFile(format("/proc/self/fd/%d", ends[0])) : "";
     ::close(ends[0]);
-    if (child > 0) wait(child);
-    if (told.empty()) ADD_FAILURE() << "the function left the process before its end";
+    const int status = child > 0 ? wait(child) : -1;
+    const bool late = WIFSIGNALED(status) && WTERMSIG(status) == SIGALRM;
+    if (late) ADD_FAILURE() << "still running after " << limitSeconds_ << " s";
+    if (told.empty() && !late) ADD_FAILURE() << "the function left the process before its end";
     repeatAll(told);
 }
 

@@ -55,18 +55,12 @@ class Isolated {
     void run(const std::function<void()>& function) const;
 
   private:
-    struct Step {
-        enum Kind { kEmpty, kCopy, kFile } kind;
-        std::string path;
-        std::string text;
-        unsigned mode;
-    };
+    class Folders;
 
-    bool prepare() const;
     [[noreturn]] void runFirst(const std::function<void()>& function, int pipe) const noexcept;
     [[noreturn]] void runOutside(const std::function<void()>& function, int pipe) const noexcept;
 
-    std::vector<Step> steps_;
+    std::vector<std::function<bool(Folders&)>> steps_;
     unsigned limitSeconds_ = 60;
 };
 
