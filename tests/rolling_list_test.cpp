@@ -1,8 +1,8 @@
+#include <gmock/gmock.h>
 #include <kest/utils/rolling_list.h>
 #include <kest/utils/timer.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
+#include <filesystem>
 #include <limits>
 #include <string>
 #include <vector>
@@ -14,15 +14,19 @@ namespace {
 
 using kest::test::TempDir;
 using kest::test::writeFile;
+using std::filesystem::exists;
+using testing::ElementsAre;
 
 constexpr int kHourMs = 3600000;
 
+std::vector<int> dropped;
+
 // Notes its number when it goes, and may call back into its list then.
 struct Item : IRollingListItem {
-    Item(uint64_t stamp, int number, std::vector<int>& dropped, RollingList* callBack = nullptr)
-        : stamp_(stamp), number_(number), dropped_(dropped), callBack_(callBack) {}
+    Item(uint64_t stamp, int number, RollingList* callBack = nullptr)
+        : stamp_(stamp), number_(number), callBack_(callBack) {}
     ~Item() override {
-        dropped_.push_back(number_);
+        dropped.push_back(number_);
         if (callBack_ == nullptr) return;
         callBack_->service();
         callBack_->deleteFront();
@@ -31,58 +35,53 @@ struct Item : IRollingListItem {
 
     const uint64_t stamp_;
     const int number_;
-    std::vector<int>& dropped_;
     RollingList* const callBack_;
 };
 
-bool exists(const std::string& path) {
-    return access(path.c_str(), F_OK) == 0;
-}
-
 TEST(RollingList, SizeLimitDropsTheOldestButNoneBelowTheMinimumAge) {
-    std::vector<int> dropped;
+    dropped.clear();
     RollingList list;
     list.limitListSize(3);
     const auto now = static_cast<uint64_t>(nowMs());
     for (int i = 0; i < 4; ++i)
-        EXPECT_TRUE(list.append(new Item(now, i, dropped)));
-    EXPECT_EQ(std::vector<int>({0}), dropped);
+        EXPECT_TRUE(list.append(new Item(now, i)));
+    EXPECT_THAT(dropped, ElementsAre(0));
     list.limitItemMinAge(kHourMs);
     list.limitItemMaxAge(1);  // contradicts the minimum, which was first
-    list.append(new Item(now + kHourMs, 4, dropped));
+    list.append(new Item(now + kHourMs, 4));
     EXPECT_EQ(4, list.count());
     list.limitItemMinAge(0);
     list.limitListSize(-1);
     EXPECT_TRUE(list.service());
-    EXPECT_EQ(std::vector<int>({0, 1, 2, 3, 4}), dropped);
+    EXPECT_THAT(dropped, ElementsAre(0, 1, 2, 3, 4));
     EXPECT_FALSE(list.append(nullptr));
 }
 
 TEST(RollingList, AgeLimitLooksAtTheFrontOnly) {
-    std::vector<int> dropped;
+    dropped.clear();
     RollingList list;
-    list.append(new Item(0, 0, dropped));
+    list.append(new Item(0, 0));
     list.limitItemMaxAge(std::numeric_limits<int>::max());  // longer than the machine may have run
     EXPECT_EQ(nowMs() > std::numeric_limits<int>::max(), list.service() && list.count() == 0);
     list.limitItemMaxAge(1);
-    list.append(new Item(static_cast<uint64_t>(nowMs() + kHourMs), 1, dropped));
-    list.append(new Item(0, 2, dropped));
-    EXPECT_EQ(std::vector<int>({0}), dropped);
+    list.append(new Item(static_cast<uint64_t>(nowMs() + kHourMs), 1));
+    list.append(new Item(0, 2));
+    EXPECT_THAT(dropped, ElementsAre(0));
     EXPECT_EQ(2, list.count());
 }
 
 TEST(RollingList, DestructorsOfItemsMayCallBack) {
-    std::vector<int> dropped;
+    dropped.clear();
     {
         RollingList list;
         list.limitListSize(3);
         for (int i = 0; i < 4; ++i)
-            list.append(new Item(0, i, dropped, &list));
-        EXPECT_EQ(std::vector<int>({0, 1, 2, 3}), dropped);
+            list.append(new Item(0, i, &list));
+        EXPECT_THAT(dropped, ElementsAre(0, 1, 2, 3));
         for (int i = 4; i < 7; ++i)
-            list.append(new Item(0, i, dropped, &list));
+            list.append(new Item(0, i, &list));
     }
-    EXPECT_EQ(std::vector<int>({0, 1, 2, 3, 4, 5, 6}), dropped);
+    EXPECT_THAT(dropped, ElementsAre(0, 1, 2, 3, 4, 5, 6));
 }
 
 TEST(RollingFileList, RemovesFilesOnlyWhenAskedTo) {
@@ -114,21 +113,18 @@ TEST(ResourceFilenameRoller, NumbersRollOverAtTheLimit) {
 
 TEST(ResourceFilenameRoller, CleanRemovesItsOwnNamesOnly) {
     const TempDir dir;
-    const std::vector<std::string> ours = {"s*[1]0.j", "s*[1]7.j"};
-    const std::vector<std::string> others = {"s*[1]10.j", "s*[1]07.j", "s*[1]x.j", "sx[1]0.j"};
-    for (const auto& name : ours)
-        writeFile(dir / name, "");
-    for (const auto& name : others)
+    const std::pair<const char*, bool> files[] = {{"s*[1]0.j", true},   {"s*[1]7.j", true},
+                                                  {"s*[1]10.j", false}, {"s*[1]07.j", false},
+                                                  {"s*[1]x.j", false},  {"sx[1]0.j", false}};
+    for (const auto& [name, ours] : files)
         writeFile(dir / name, "");
     ResourceFilenameRoller roller(dir.path(), "s*[1]", ".j", 10);
     roller.incrementFilename();
     EXPECT_EQ(2, roller.cleanCwd());
     EXPECT_EQ("s*[1]0.j", roller.getFilename());
-    for (const auto& name : ours)
-        EXPECT_FALSE(exists(dir / name)) << name;
-    for (const auto& name : others)
-        EXPECT_TRUE(exists(dir / name)) << name;
-    ASSERT_EQ(0, mkdir((dir / "s*[1]3.j").c_str(), 0755));
+    for (const auto& [name, ours] : files)
+        EXPECT_NE(ours, exists(dir / name)) << name;
+    ASSERT_TRUE(std::filesystem::create_directory(dir / "s*[1]3.j"));
     EXPECT_EQ(-1, roller.cleanCwd());
 }
 
