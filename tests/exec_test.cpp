@@ -28,13 +28,14 @@ using testing::HasSubstr;
 
 struct Fault {
     int countdown;  // which of the coming calls fails
-    int error;      // 0: it gives nothing
+    int error;      // 0: it gives nothing; -1: the process is killed in it
 };
 std::map<std::string, Fault> faults;
 
 bool faulty(const char* call) {
     const auto fault = faults.find(call);
     if (fault == faults.end() || --fault->second.countdown != 0) return false;
+    if (fault->second.error == -1) raise(SIGKILL);
     errno = fault->second.error;
     return true;
 }
@@ -190,9 +191,9 @@ TEST_F(ExecTest, FailingStepOfStartLeavesNothingOpen) {
         {"pipe2", {1, EMFILE}, false, 40}, {"pipe2", {3, EMFILE}, false, 40},
         {"pipe2", {4, EMFILE}, true, 40},  {"fork", {1, EAGAIN}, true, 40},
         {"fork", {2, EAGAIN}, true, 60},   {"read pid", {2, EIO}, true, 70},
-        {"read pid", {3, 0}, true, 70},    {"fcntl", {2, EBADF}, false, 80},
-        {"fcntl", {3, EBADF}, true, 80},   {"waitpid", {1, EINTR}, true, 0},
-        {"read pid", {2, EINTR}, true, 0}};
+        {"read pid", {3, 0}, true, 70},    {"write", {1, -1}, true, 70},
+        {"fcntl", {2, EBADF}, false, 80},  {"fcntl", {3, EBADF}, true, 80},
+        {"waitpid", {1, EINTR}, true, 0},  {"read pid", {2, EINTR}, true, 0}};
     const auto before = openDescriptors();
     for (const auto& [call, fault, daemon, code] : cases) {
         exec.setExe("/bin/true").setIn("x").setOut(&out).setErr(&out).setDaemon(daemon);
