@@ -346,7 +346,7 @@ bool waitForFiles(const std::set<std::string>& paths, int timeoutMs) {
         if (missing.empty()) return true;
         // Without a pause, a thread of real-time priority would keep the files' maker from running.
         // The last look must not come too early for it.
-        if (deadline - nowMs() > 2 * kLookAgainMs) sleepMs(kLookAgainMs);
+        if (deadline - nowMs() > int64_t{2} * kLookAgainMs) sleepMs(kLookAgainMs);
     }
     std::string list;
     join(list, ", ", missing);
