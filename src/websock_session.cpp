@@ -52,21 +52,22 @@ class SigpipeKeeper {
     struct sigaction action_ = {};
 };
 
-// The library cuts the parts of its request to fixed sizes without a word, and takes a name with a
-// plus sign for a local socket, on which it connects, and may fail, too early.
-bool canRequest(const Address& address) {
-    const auto isClean = [](const std::string& text, size_t most) {
-        return !text.empty() && text.size() <= most &&
-               std::none_of(text.begin(), text.end(),
-                            [](unsigned char c) { return c <= ' ' || c == 0x7F; });
-    };
-    return isClean(address.host, 100) && address.host[0] != '+' && address.port != 0 &&
-           isClean(address.path, 1900);
-}
-
 bool isHeaderText(const std::string& text) {
     return std::none_of(text.begin(), text.end(),
                         [](unsigned char c) { return (c < ' ' && c != '\t') || c == 0x7F; });
+}
+
+bool isWord(const std::string& text, size_t most) {
+    return !text.empty() && text.size() <= most && isHeaderText(text) &&
+           text.find_first_of(" \t") == std::string::npos;
+}
+
+// The library cuts host and path to fixed sizes without a word, and writes the sub-protocols beyond
+// the end of its buffer. A host name with a plus sign it takes for a local socket, on which it
+// connects, and may fail, too early.
+bool canRequest(const Address& address, const std::string& protocolName) {
+    return isWord(address.host, 100) && address.host[0] != '+' && address.port != 0 &&
+           isWord(address.path, 1900) && isHeaderText(protocolName) && protocolName.size() <= 500;
 }
 
 std::string reasonOf(const void* text, size_t length) {
@@ -183,7 +184,7 @@ bool Session::connect(const Address& address) {
     KEST_LOG(KEST_DEBUG, 0, "WebSocket connection info: %s:%d%s p", info.address, info.port,
              info.path);
     connecting_ = true;
-    const bool begun = canRequest(address) && scheduleService(kRetryMs) &&
+    const bool begun = canRequest(address, options_.protocolName) && scheduleService(kRetryMs) &&
                        lws_client_connect_via_info(&info) != nullptr;
     connecting_ = false;
     if (!begun) {

@@ -94,14 +94,7 @@ struct Daemon {
 };
 
 struct WebsockClientTest : public kest::test::CleanTest {
-    void SetUp() override {
-        CleanTest::SetUp();
-        ASSERT_TRUE(scheduler.Init());
-    }
-    void TearDown() override {
-        scheduler.Stop();
-        CleanTest::TearDown();
-    }
+    WebsockClientTest() { EXPECT_TRUE(scheduler.Init()); }
     Texts live(Daemon& daemon, URI uri) {
         EXPECT_TRUE(daemon.client->connect(uri));
         for (daemon.ended = false; !daemon.ended;)
@@ -224,6 +217,9 @@ TEST_F(WebsockClientTest, RefusesWhatNobodyCanConnectTo) {
                     ElementsAre("Failed to lws connect", "Failed to initiate connection"));
         EXPECT_TRUE(daemon.client->cancel());
     }
+    daemon.client->setProtocolName(text);
+    EXPECT_FALSE(daemon.client->connect(good) || errors().size() != 2 || !daemon.client->cancel());
+    daemon.client->setProtocolName("");
     EXPECT_THAT(live(daemon, good), ElementsAre("error Unable to connect"));
     daemon.client->setUseSsl(true);
     daemon.client->setCertFile("/nowhere.pem");

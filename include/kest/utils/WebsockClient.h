@@ -110,7 +110,7 @@ class KEST_API WebsockClient {
 
     // Settings, for the next connect(). None of them logs unless it says so.
 
-    /// Sub-protocol asked for; none when empty.
+    /// Sub-protocol asked for, or several separated by commas, up to 500 bytes; none when empty.
     void setProtocolName(const std::string& name);
 
     /// A further field of the handshake; names compare without regard to case, in whose order the
@@ -122,7 +122,7 @@ class KEST_API WebsockClient {
     /// for the library's own 5 seconds.
     void setTimeout(int secs);
 
-    /// TLS, on by default.
+    /// TLS, on by default. Without it nothing is known of the server, whatever is pinned.
     void setUseSsl(bool useSsl);
 
     /// PEM files of the client's own certificate and key; unreadable ones fail connect(). The file
