@@ -1,7 +1,6 @@
 #include <kest/utils/crashdumps.h>
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <pthread.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
@@ -20,7 +19,6 @@
 
 #include "support/clean_test.h"
 #include "support/isolated.h"
-#include "support/log_capture.h"
 #include "support/temp_dir.h"
 
 using namespace kest::test;

@@ -12,7 +12,6 @@
 
 #include "support/clean_test.h"
 #include "support/isolated.h"
-#include "support/log_capture.h"
 
 namespace {
 

@@ -1,6 +1,5 @@
 #include <kest/utils/memorymap.h>
 
-#include <gmock/gmock.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -12,7 +11,6 @@
 
 #include "support/clean_test.h"
 #include "support/isolated.h"
-#include "support/log_capture.h"
 #include "support/temp_dir.h"
 
 using namespace kest::test;

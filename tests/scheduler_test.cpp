@@ -1,6 +1,5 @@
 #include <kest/utils/scheduler.h>
 
-#include <gmock/gmock.h>
 #include <signal.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
@@ -12,10 +11,10 @@
 #include <array>
 #include <thread>
 
+#include <kest/utils/string_utils.h>
 #include <kest/utils/timer.h>
 
 #include "support/clean_test.h"
-#include "support/log_capture.h"
 
 namespace {
 
@@ -56,8 +55,8 @@ class SchedulerTest : public kest::test::CleanTest {
     static void expectLog(const std::vector<std::string>& expected) {
         std::vector<std::string> all;
         for (const auto& line : kest::test::logLines()) {
-            all.push_back(line.function + " " + std::to_string(line.level) + " " +
-                          std::to_string(line.errnoValue) + " " + line.text);
+            all.push_back(kest::utils::format("%s %d %d %s", line.function.c_str(), line.level,
+                                              line.errnoValue, line.text.c_str()));
         }
         EXPECT_EQ(expected, all);
     }
@@ -85,12 +84,10 @@ TEST_F(SchedulerTest, IdsAreIssuedInOrderAndUnknownOnesReported) {
 TEST_F(SchedulerTest, CallbackGetsDescriptorEventsAndArgumentUntilRemoved) {
     std::vector<int> got;
     const auto full = [&](int fd, int events, void* arg) {
-        got.push_back(fd == ready[0] && arg == &got ? events : -1);
-        return false;
+        return got.push_back(fd == ready[0] && arg == &got ? events : -1), false;
     };
     bool (*plain)(int, void*) = [](int events, void* arg) {
-        static_cast<std::vector<int>*>(arg)->push_back(events);
-        return true;
+        return static_cast<std::vector<int>*>(arg)->push_back(events), true;
     };
     EXPECT_EQ(1u, scheduler.AddIOTask(ready[0], EPOLLIN | EPOLLOUT, full, &got));
     EXPECT_TRUE(scheduler.Service() && scheduler.ChangeIOTaskMode(1, EPOLLOUT));

@@ -83,16 +83,13 @@ TEST_F(VariantTest, WhatIsNotANumberCountsAsZero) {
 
 TEST_F(VariantTest, KeysAreInsertedByWritersOnly) {
     Variant value = "no object yet";
+    const Variant& reader = value;
     EXPECT_EQ(0, static_cast<unsigned short>(value["port"]));
     value[std::string("a\0b", 3)] = "nul";
-    EXPECT_EQ(2U, value.Members().size());
-
-    const Variant& reader = value;
-    EXPECT_TRUE(reader["missing"] == VariantType::Null);
-    EXPECT_EQ(nullptr, reader.Find("missing"));
+    EXPECT_TRUE(reader["missing"] == VariantType::Null && reader.Find("missing") == nullptr);
+    EXPECT_EQ(R"({"a\u0000b":"nul","port":null})", value.ToJson());
     EXPECT_EQ("nul", text(reader[std::string("a\0b", 3)]));
-    EXPECT_TRUE(value.Remove("port"));
-    EXPECT_FALSE(value.Remove("port"));
+    EXPECT_TRUE(value.Remove("port") && !value.Remove("port"));
     EXPECT_EQ(1U, reader.Members().size());
 }
 
@@ -102,8 +99,7 @@ TEST_F(VariantTest, ContainerNormalizesToAnObject) {
     message.NormalizeFields();
     EXPECT_EQ("{\"key\":1}", message.ToJson());
     message.Append(7);
-    EXPECT_TRUE(*message.At(0) == 7);
-    EXPECT_EQ(nullptr, message.At(1));
+    EXPECT_TRUE(*message.At(0) == 7 && message.At(1) == nullptr);
     message.NormalizeFields();
     EXPECT_EQ("{}", message.ToJson());
 }
@@ -127,11 +123,12 @@ TEST_F(VariantTest, CopiesAreDeepAndMovesLeaveNull) {
 
 TEST_F(VariantTest, EqualityAsksForTheTypeButNotForTheSign) {
     EXPECT_TRUE(Variant(5) == Variant(5ULL));
-    EXPECT_FALSE(Variant(-1) == Variant(kHuge));
-    EXPECT_FALSE(Variant(5) == Variant(5.0));
-    EXPECT_FALSE(Variant("5") == Variant(5));
-    EXPECT_FALSE(Variant(nullptr) == Variant(false));
-    EXPECT_TRUE(Variant(timeval{1, 2}) != Variant(timeval{1, 3}));
+    const Variant different[] = {-1,           kHuge, 5, 5.0, "5", nullptr, false, timeval{1, 2},
+                                 timeval{1, 3}};
+    for (const Variant& a : different) {
+        for (const Variant& b : different)
+            EXPECT_TRUE((a == b) == (&a == &b) && (a != b) == (&a != &b));
+    }
 }
 
 // Exact and plain text of every type; the exact one must read back as what it was.
@@ -149,17 +146,15 @@ TEST_F(VariantTest, JsonKeepsValuesAndTypes) {
     } cases[] = {
         {{}, "null", "null"},
         {true, "true", "true"},
-        {5, "5", "5"},
         {kMin, "-9223372036854775808", "-9223372036854775808"},
         {5ULL, R"({"$uint64":5})", "5"},
         {kHuge, "18446744073709551615", "18446744073709551615"},
         {2.0, "2.0", "2.0"},
         {-0.0, "-0.0", "-0.0"},
-        {"\\", R"("\\")", R"("\\")"},
         {kInfinity, R"({"$double":"Infinity"})", "null"},
         {-kInfinity, R"({"$double":"-Infinity"})", "null"},
         {kNaN, R"({"$double":"NaN"})", "null"},
-        {"a \"b\"\n", R"("a \"b\"\n")", R"("a \"b\"\n")"},
+        {"a\\ \"b\"\n", R"("a\\ \"b\"\n")", R"("a\\ \"b\"\n")"},
         {std::string("\0\x7f\xc3\xa9", 4), "\"\\u0000\x7f\xc3\xa9\"", "\"\\u0000\x7f\xc3\xa9\""},
         {timeval{-1, 500000}, R"({"$timeval":[-1,500000]})", "-0.5"},
         {list, "[]", "[]"},

@@ -6,8 +6,6 @@
 #include <cerrno>
 #include <cstdlib>
 
-#include "support/log_capture.h"
-
 namespace kest::test {
 namespace {
 
@@ -15,9 +13,8 @@ namespace {
 void expectSameMask(const sigset_t& before) {
     sigset_t now;
     pthread_sigmask(SIG_SETMASK, nullptr, &now);
-    for (int signo = 1; signo <= SIGRTMAX; ++signo) {
+    for (int signo = 1; signo <= SIGRTMAX; ++signo)
         EXPECT_EQ(sigismember(&before, signo), sigismember(&now, signo)) << "signal " << signo;
-    }
 }
 
 }  // namespace

@@ -1,11 +1,14 @@
 // Fixture whose teardown proves that a test left nothing behind: no descriptor, no child process,
-// no changed signal mask. It also starts every test with an empty log.
+// no changed signal mask. It also starts every test with an empty log, so what looks at the log
+// comes along.
 #pragma once
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 #include <signal.h>
 
 #include <set>
+
+#include "support/log_capture.h"
 
 namespace kest::test {
 

@@ -65,12 +65,8 @@ class Reporter : public ::testing::EmptyTestEventListener {
     int pipe_;
 };
 
-std::string reason(const std::string& what) {
-    return what + ": " + strerror(errno);
-}
-
-void skip(const std::string& why) {
-    GTEST_SKIP() << "no private namespaces here: " << why;
+void skip(const std::string& what) {
+    GTEST_SKIP() << "no private namespaces here: " << what << ": " << strerror(errno);
 }
 
 void repeat(const std::string& type, const std::string& file, int line,
@@ -196,7 +192,7 @@ class Isolated::Folders {
     static std::string pathOf(int fd) { return format("/proc/self/fd/%d", fd); }
 
     static bool check(bool ok, const std::string& what) {
-        if (!ok) ADD_FAILURE() << reason(what);
+        if (!ok) ADD_FAILURE() << what << ": " << strerror(errno);
         return ok;
     }
 
@@ -231,7 +227,7 @@ class Isolated::Folders {
         const std::string options = format("lowerdir=%s,upperdir=%s,workdir=%s",
                                            pathOf(original).c_str(), upper.c_str(), work.c_str());
         const bool done = mount("overlay", folder.c_str(), "overlay", 0, options.c_str()) == 0;
-        if (!done) skip(reason("overlay on " + folder.string()));
+        if (!done) skip("overlay on " + folder.string());
         ::close(original);
         return done;
     }
@@ -281,7 +277,7 @@ void Isolated::runFirst(const std::function<void()>& function, int pipe) const n
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (mount("", "/", "", MS_REC | MS_PRIVATE, nullptr) != 0 ||
         mount("proc", "/proc", "proc", 0, nullptr) != 0 || !raiseLoopback()) {
-        skip(reason("mount of /proc, or loopback"));
+        skip("mount of /proc, or loopback");
         leave();
     }
     Folders folders;
@@ -299,7 +295,7 @@ void Isolated::runOutside(const std::function<void()>& function, int pipe) const
     Reporter::install(pipe);
     constexpr int kSpaces = CLONE_NEWNS | CLONE_NEWPID | CLONE_NEWIPC | CLONE_NEWNET;
     if (unshare(kSpaces) != 0 && !(becomeRoot() && unshare(kSpaces) == 0)) {
-        skip(reason("unshare"));
+        skip("unshare");
         leave();
     }
     prctl(PR_SET_PDEATHSIG, SIGKILL);  // a killed test program takes its children along

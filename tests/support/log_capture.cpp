@@ -10,13 +10,14 @@
 namespace kest::test {
 namespace {
 
-std::mutex& mutex() {
-    static std::mutex instance;
-    return instance;
-}
+// Lines may come before main() and after it.
+struct Log {
+    std::mutex mutex;
+    std::vector<LogLine> lines;
+};
 
-std::vector<LogLine>& lines() {
-    static std::vector<LogLine> instance;
+Log& captured() {
+    static Log instance;
     return instance;
 }
 
@@ -26,17 +27,16 @@ std::string formatted(const char* format, va_list args) {
     const int length = vsnprintf(nullptr, 0, format, copy);
     va_end(copy);
     if (length < 0) return "(bad format)";
-    std::string text(static_cast<size_t>(length) + 1, '\0');
-    vsnprintf(text.data(), text.size(), format, args);
-    text.pop_back();
+    std::string text(static_cast<size_t>(length), '\0');
+    vsnprintf(text.data(), text.size() + 1, format, args);
     return text;
 }
 
 }  // namespace
 
 std::vector<LogLine> logLines() {
-    std::lock_guard<std::mutex> guard(mutex());
-    return lines();
+    std::lock_guard<std::mutex> guard(captured().mutex);
+    return captured().lines;
 }
 
 std::vector<std::string> logTexts() {
@@ -47,8 +47,8 @@ std::vector<std::string> logTexts() {
 }
 
 void clearLog() {
-    std::lock_guard<std::mutex> guard(mutex());
-    lines().clear();
+    std::lock_guard<std::mutex> guard(captured().mutex);
+    captured().lines.clear();
 }
 
 }  // namespace kest::test
@@ -62,9 +62,8 @@ extern "C" void logInternal(const char* module, const char* sourceFile, const ch
     kest::test::LogLine entry{module, sourceFile, function,
                               level,  errnoValue, kest::test::formatted(format, args)};
     va_end(args);
-    {
-        std::lock_guard<std::mutex> guard(kest::test::mutex());
-        kest::test::lines().push_back(std::move(entry));
-    }
+    auto& log = kest::test::captured();
+    std::lock_guard<std::mutex> guard(log.mutex);
+    log.lines.push_back(std::move(entry));
     errno = savedErrno;
 }
