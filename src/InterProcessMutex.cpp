@@ -36,11 +36,12 @@ bool InterProcessMutex::setLock(short type, bool wait) const {
 
 int InterProcessMutex::acquire() {
     if (acquired_) return -1;
+    // One of an earlier attempt may still be open. It goes first: to close any descriptor of the
+    // file is to give up the lock on it.
+    UniqueFd(std::exchange(fd_, -1)).reset();
     // The folder is open to everybody: a link that somebody put there is not followed.
-    UniqueFd fd(open(path_, O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0666));
-    if (!fd.valid()) return -2;
-    // One of an earlier attempt may still be open.
-    const UniqueFd earlier(std::exchange(fd_, fd.release()));
+    fd_ = open(path_, O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0666);
+    if (fd_ < 0) return -2;
     if (!setLock(F_WRLCK, blocking_)) return -3;
     acquired_ = true;
     return 0;

@@ -54,6 +54,20 @@ TEST_F(InterProcessMutexTest, ExcludesOtherProcessesUntilReleased) {
     });
 }
 
+TEST_F(InterProcessMutexTest, HoldsTheLockAlsoAfterARefusal) {
+    Isolated().empty("/var/lock").run([] {
+        InterProcessMutex mutex("camera", false);
+        const pid_t holder = fork();
+        if (holder == 0) _exit(mutex.acquire() == 0 ? raise(SIGSTOP) : 1);
+        waitpid(holder, nullptr, WUNTRACED);
+        EXPECT_EQ(-3, mutex.acquire());
+        kill(holder, SIGCONT);
+        waitpid(holder, nullptr, 0);
+        EXPECT_EQ(0, mutex.acquire());
+        EXPECT_EQ(-3, acquireElsewhere("camera"));
+    });
+}
+
 TEST_F(InterProcessMutexTest, PathIsCutAndNeverLeavesItsFolder) {
     Isolated().empty("/var/lock").empty("/tmp").run([] {
         const std::string longName(53, 'x');
