@@ -238,8 +238,9 @@ bool Logread::ring(Ring& out) const {
 bool Logread::deliver(Callback cb, void* ctx) {
     Ring current;
     if (!ring(current)) return false;
-    // Overtaken: everything in the ring is news.
-    if (!current.isBoundary(offset_) && !current.oldest(offset_)) offset_ = current.tail;
+    // At the tail nothing is news, also behind a text without an end. Overtaken: everything is.
+    if (offset_ != current.tail && !current.isBoundary(offset_) && !current.oldest(offset_))
+        offset_ = current.tail;
 
     const unsigned detachments = detachments_;
     Walk walk(current, offset_);

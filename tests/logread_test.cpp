@@ -108,6 +108,12 @@ TEST_F(LogreadTest, BelievesNoRingUncheckedAndAlwaysUnlocks) {
             EXPECT_EQ(c.expected, reader.texts);
             EXPECT_EQ(0, segment.readers());
         }
+        // A text that reaches the tail without an end must not bring everything again.
+        segment.set(16, 12, "a.b.c.d.xxxxx...");
+        reader.then = [] {};
+        EXPECT_TRUE(reader.Initialize());
+        EXPECT_EQ("a|b|c|d|", reader.read());
+        EXPECT_EQ("", reader.read());
         reader.Lock();
         reader.Close();
         EXPECT_TRUE(!reader.SeekToTail() && segment.readers() == 0);
