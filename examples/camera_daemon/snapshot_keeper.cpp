@@ -4,6 +4,8 @@
 #include <sys/inotify.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <iterator>
 #include <utility>
 
 SnapshotList::SnapshotList(std::function<void(const std::string& path)> onDropped)
@@ -11,9 +13,18 @@ SnapshotList::SnapshotList(std::function<void(const std::string& path)> onDroppe
 
 void SnapshotList::deleteFront() {
     if (count() == 0) return;
-    const auto& oldest = static_cast<const RollingListItemFile&>(*list().front());
-    unlink(oldest.path().c_str());
-    onDropped_(oldest.path());
+    const auto pathOf = [](const IRollingListItem* item) {
+        return static_cast<const RollingListItemFile*>(item)->path();
+    };
+    const std::string oldest = pathOf(list().front());
+    // A name that was used again belongs to the newer snapshot.
+    const bool usedAgain =
+        std::any_of(std::next(list().begin()), list().end(),
+                    [&](const IRollingListItem* item) { return pathOf(item) == oldest; });
+    if (!usedAgain) {
+        unlink(oldest.c_str());
+        onDropped_(oldest);
+    }
     RollingFileList::deleteFront();
 }
 

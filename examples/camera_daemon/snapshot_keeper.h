@@ -8,8 +8,8 @@
 #include <kest/utils/rolling_list.h>
 #include <kest/utils/scheduler.h>
 
-// Removes the file of what it drops and tells about it; files that are still listed at the end
-// stay.
+// Removes the file of what it drops and tells about it, unless a newer snapshot has that name.
+// Files that are still listed at the end stay.
 class SnapshotList : public RollingFileList {
   public:
     explicit SnapshotList(std::function<void(const std::string& path)> onDropped);
