@@ -26,9 +26,8 @@ class KEST_API InterProcessMutex {
     InterProcessMutex(const InterProcessMutex&) = delete;
     InterProcessMutex& operator=(const InterProcessMutex&) = delete;
 
-    /// @return 0 when the lock is held; -1 if this object holds it already; -2 if the file cannot
-    /// be
-    ///         opened, -3 if the lock is refused or the wait was interrupted by a signal, both with
+    /// @return 0 when the lock is held; -1 if this object holds it already; -2 if the file does not
+    ///         open, -3 if the lock is refused or the wait was interrupted by a signal, both with
     ///         `errno`. After -2 and -3 it may be called again.
     int acquire();
 

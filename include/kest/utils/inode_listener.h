@@ -21,10 +21,9 @@ class KEST_API IInodeNotifier {
     /// included, but not destroy it; service() does nothing inside.
     /// @param name  of the file, without its folder, byte for byte as in the folder. Empty for what
     ///              concerns the folder itself and for `IN_Q_OVERFLOW`.
-    /// @param mask  inotify(7) event bits. Two come unasked: `IN_Q_OVERFLOW`, events have been
-    /// lost,
-    ///              so look through the folder; and `IN_IGNORED`, the folder is gone and nothing
-    ///              more will come.
+    /// @param mask  inotify(7) event bits. Two come unasked: `IN_Q_OVERFLOW`, events are lost, so
+    ///              look through the folder; and `IN_IGNORED`, the folder is gone and nothing more
+    ///              will come.
     virtual void onInodeEvent(const std::string& name, uint32_t mask) = 0;
 
     virtual ~IInodeNotifier();

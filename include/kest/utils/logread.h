@@ -12,7 +12,8 @@ namespace kest::utils {
 
 /// Hands out the messages of the ring one by one, oldest first, each once.
 ///
-///     void print(const char* text, unsigned int length, void*) { fwrite(text, 1, length, stdout);
+///     void print(const char* text, unsigned int length, void*) {
+///         fwrite(text, 1, length, stdout);
 ///     }
 ///
 ///     Logread log;
@@ -30,8 +31,10 @@ namespace kest::utils {
 /// oldest complete message. When its position happens to be a message's start again, the loss
 /// cannot be told.
 ///
-/// A reader stays attached to the ring of a daemon that has ended: after a restart of the daemon,
-/// when the lock fails, Close() and Initialize() again.
+/// A reader stays attached to the ring of a daemon that has ended: Lock() fails then. ForEach()
+/// only logs that; a program that is to outlive the log daemon calls Lock(), ForEachNoLock() and
+/// Unlock() itself, and Close() and Initialize() when Lock() fails. A daemon that was killed and
+/// started again empties the same ring: what is passed over of it comes as empty texts.
 class KEST_API Logread {
   public:
     /// @param text    not NUL-terminated in general; valid during the call only.

@@ -115,6 +115,9 @@ class KEST_API RollingFileList : public RollingList {
 /// limit: "snap-000.jpg" ... "snap-499.jpg", "snap-000.jpg". All numbers have the same width, so
 /// that names sort in the order of their numbers.
 ///
+/// Beside a RollingFileList that deletes, give it more names than the list ever holds: a name used
+/// again while its first item is listed is deleted with that item, the new file under it.
+///
 /// @code
 ///     ResourceFilenameRoller roller("/tmp/snapshots", "snap-", ".jpg", 500);
 ///     roller.cleanCwd();                       // what an earlier run left behind

@@ -16,9 +16,8 @@ namespace kest::utils {
 /// Each of the two is replaced at once and whole, "/etc/TZ" first; a failure in between leaves the
 /// new rule with the old link. Running programs notice when they call `tzset` the next time.
 /// @param zone  path in the database, such as "Europe/Berlin"; one that leads out of it is refused.
-/// @return false, with one log line and without any temporary file left, when the zone is unknown
-/// or
-///         has no rule, or when "/etc" cannot be written.
+/// @return false, with one log line and without any temporary file left, when the zone is unknown,
+///         when it has no rule, or when "/etc" cannot be written.
 KEST_API bool setTimeZone(const std::string& zone);
 
 }  // namespace kest::utils
