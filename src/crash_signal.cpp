@@ -47,6 +47,9 @@ class Turn {
 
     bool taken() const { return taken_; }
 
+    // For good: the process is about to end.
+    void keep() { taken_ = false; }
+
   private:
     static std::atomic<pid_t> owner_;
     bool taken_ = false;
@@ -119,12 +122,22 @@ void endOn(int signo) {
 
 void CrashDumpHandler::report(int signo, const void* frame, const void* context) {
     const SignalsBlocked blocked;
-    const Turn turn;
+    Turn turn;
     if (!turn.taken() || reports_ >= kMaxReports) return;
     ++reports_;
     if (signo != 0) writeSignal(stackFd_, signo);
     detail::writeBacktrace(stackFd_, map_, frame, context);
     runCollector();
+    // A second thread must not begin a report that the end of the process cuts off.
+    if (endsProcess(signo)) turn.keep();
+}
+
+bool CrashDumpHandler::endsProcess(int signo) const {
+    for (const Slot& slot : slots_) {
+        if (signo == 0 || slot.signo != signo) continue;
+        return slot.previous.sa_handler == SIG_DFL || slot.previous.sa_handler == SIG_IGN;
+    }
+    return false;
 }
 
 void CrashDumpHandler::runCollector() const {
@@ -138,7 +151,7 @@ void CrashDumpHandler::handOn(int signo, siginfo_t* info, void* context) const {
     for (const Slot& slot : slots_) {
         if (signo == 0 || slot.signo != signo) continue;
         const struct sigaction& previous = slot.previous;
-        if (previous.sa_handler == SIG_DFL || previous.sa_handler == SIG_IGN) return endOn(signo);
+        if (endsProcess(signo)) return endOn(signo);
         if ((previous.sa_flags & SA_SIGINFO) == 0) return previous.sa_handler(signo);
         return previous.sa_sigaction(signo, info, context);
     }

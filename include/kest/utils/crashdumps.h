@@ -84,6 +84,7 @@ class KEST_API CrashDumpHandler {
     bool installStack();
     bool installSignals();
     void report(int signo, const void* frame, const void* context);
+    bool endsProcess(int signo) const;
     void runCollector() const;
     void handOn(int signo, siginfo_t* info, void* context) const;
 
