@@ -236,7 +236,8 @@ void Session::serviceForced() {
         KEST_LOG_AS("serviceFd", KEST_INFO, 0, "extpoll doing forced service!");
         lws_service_tsi(context_, -1, 0);
     }
-    if (!retired_) scheduleService(std::max(delayMs, kShortestWaitMs));
+    // The library cuts to whole milliseconds; a little early, it would ask for service until then.
+    if (!retired_) scheduleService(std::max(delayMs + 1, kShortestWaitMs));
 }
 
 // The library's own time-outs only run when it is serviced. A timer that comes too early looks
