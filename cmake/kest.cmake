@@ -26,7 +26,9 @@ function(kest_library target)
         SOVERSION ${PROJECT_VERSION_MAJOR})
     # 64-bit file sizes on 32-bit targets. Public: struct stat appears in our interfaces.
     target_compile_definitions(${target} PUBLIC _FILE_OFFSET_BITS=64)
-    target_link_options(${target} PRIVATE -Wl,-z,now -Wl,-z,relro)
+    set(map ${PROJECT_SOURCE_DIR}/cmake/std_local.map)
+    target_link_options(${target} PRIVATE -Wl,-z,now -Wl,-z,relro -Wl,--version-script=${map})
+    set_target_properties(${target} PROPERTIES LINK_DEPENDS ${map})
 endfunction()
 
 # Compiles every header in a source file of its own, so that each stands alone.
