@@ -15,6 +15,7 @@
 #include <kest/utils/timer.h>
 
 #include "log.h"
+#include "sleep_until.h"
 #include "unique_fd.h"
 
 namespace kest::utils {
@@ -27,9 +28,7 @@ constexpr int kMaxAnnounceSeconds = 10;
 void sleepWholly(int seconds) {
     const int64_t end = nowMs() + int64_t{1000} * seconds;
     if (sleep(static_cast<unsigned int>(seconds)) == 0) return;
-    for (int64_t left = end - nowMs(); left > 0; left = end - nowMs()) {
-        sleepMs(static_cast<unsigned int>(left));
-    }
+    detail::sleepUntil(end);
 }
 
 void announceRepeatedly(int fd, sockaddr_in& address, int total, int intervalSecs, bool reboot,
