@@ -35,12 +35,17 @@ struct SourceName {
 #define KEST_SOURCE __FILE__
 #endif
 
+// The platform's own sources log with another module tag.
+#if !defined(KEST_MODULE)
+#define KEST_MODULE "kest_utils"
+#endif
+
 // For the rare line whose function name is not the one of the function it stands in.
-#define KEST_LOG_AS(functionName, level, errnoValue, ...)                                         \
-    do {                                                                                          \
-        static constexpr ::kest::utils::detail::SourceName kSourceName(KEST_SOURCE);              \
-        logInternal("kest_utils", kSourceName.text, functionName, __LINE__, level, errnoValue, 0, \
-                    __VA_ARGS__);                                                                 \
+#define KEST_LOG_AS(functionName, level, errnoValue, ...)                                        \
+    do {                                                                                         \
+        static constexpr ::kest::utils::detail::SourceName kSourceName(KEST_SOURCE);             \
+        logInternal(KEST_MODULE, kSourceName.text, functionName, __LINE__, level, errnoValue, 0, \
+                    __VA_ARGS__);                                                                \
     } while (false)
 
 // KEST_LOG(KEST_ERROR, errno, "Unable to open %s", path)
