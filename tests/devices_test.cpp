@@ -1,0 +1,204 @@
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <kest/utils/IavState.h>
+#include <kest/utils/mdio.h>
+#include <kest/utils/rtc.h>
+#include <kest/utils/string_utils.h>
+#include <linux/mii.h>
+#include <sys/ioctl.h>
+
+#include <climits>
+#include <cstdarg>
+
+#include "support/clean_test.h"
+
+namespace {
+
+using namespace kest::utils;
+
+// Stands for whatever the library opens, and notes down what it is asked for.
+struct Device {
+    int failing = 0;  // which of the calls fails, from 1
+    int descriptor = 77;
+    int moved = 1;  // bytes that a transfer moves
+    int value = 0;  // byte or state that it gives
+    int count = 0;
+    std::string calls = {};
+
+    int answer(const std::string& call, int result) {
+        calls += call + ";";
+        errno = EREMOTEIO;
+        return ++count == failing ? -1 : result;
+    }
+} device;
+
+// Fills the outputs also when it fails: nobody must look at them then.
+int answerMii(unsigned long request, ifreq& ask) {
+    mii_ioctl_data mii;
+    memcpy(&mii, &ask.ifr_ifru, sizeof(mii));
+    const std::string call = format("ioctl %lx %.16s %x %x %x", request, ask.ifr_name, mii.phy_id,
+                                    mii.reg_num, mii.val_in);
+    if (request == 0x8947) mii.phy_id = 5;
+    mii.val_out = 0xABCD;
+    memcpy(&ask.ifr_ifru, &mii, sizeof(mii));
+    return device.answer(call, 0);
+}
+
+// The log since the last look: source, function, level, errno, text.
+std::string logged() {
+    std::string all;
+    for (const auto& line : kest::test::logLines())
+        all += format("%s %s %d %d %s", line.sourceFile.c_str(), line.function.c_str(), line.level,
+                      line.errnoValue, line.text.c_str());
+    kest::test::clearLog();
+    return all;
+}
+
+using DevicesTest = kest::test::CleanTest;
+
+}  // namespace
+
+#define LIBC(name) reinterpret_cast<decltype(&(name))>(dlsym(RTLD_NEXT, #name))
+
+extern "C" int open64(const char* path, int flags, ...) {
+    if (strncmp(path, "/dev/i", 6) != 0) return LIBC(open64)(path, flags, 0);
+    EXPECT_EQ(O_RDWR | O_CLOEXEC, flags);
+    return device.answer(path, device.descriptor);
+}
+extern "C" int socket(int domain, int type, int protocol) noexcept {
+    return device.answer(format("socket %d %d %d", domain, type & 15, protocol), device.descriptor);
+}
+extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
+    va_list list;
+    va_start(list, request);
+    void* const argument = va_arg(list, void*);
+    va_end(list);
+    if (fd != device.descriptor) return LIBC(ioctl)(fd, request, argument);
+    if (request >> 8 == 0x89) return answerMii(request, *static_cast<ifreq*>(argument));
+    if (request == 0x706) return device.answer(format("ioctl 706 %p", argument), 0);
+    *static_cast<int*>(argument) = device.value;
+    return device.answer(format("ioctl %lx", request), 0);
+}
+extern "C" ssize_t read(int fd, void* buffer, size_t size) {
+    if (fd != device.descriptor) return LIBC(read)(fd, buffer, size);
+    memset(buffer, device.value, 1);
+    return device.answer(format("read %zu", size), device.moved);
+}
+extern "C" ssize_t write(int fd, const void* buffer, size_t size) {
+    if (fd != device.descriptor) return LIBC(write)(fd, buffer, size);
+    return device.answer(format("write %zu %x", size, *static_cast<const char*>(buffer)),
+                         device.moved);
+}
+extern "C" int close(int fd) {
+    if (fd != device.descriptor) return LIBC(close)(fd);
+    return device.calls += format("close %d;", fd), 0;
+}
+
+TEST_F(DevicesTest, RtcMovesOneByteAndLogsTheStepThatFails) {
+    for (const int byte : {0x04, 0x08, 0xF3}) {
+        const bool flag = byte != 0xF3;
+        bool enabled = !flag;
+        device = {0, 77, 1, byte};
+        EXPECT_TRUE(S35390_GetME(enabled) && enabled == flag && S35390_SetME(flag));
+        EXPECT_EQ("/dev/i2c-2;ioctl 706 0x31;read 1;close 77;/dev/i2c-2;ioctl 706 0x31;write 1 " +
+                      std::string(flag ? "c" : "0") + ";close 77;",
+                  device.calls);
+    }
+    const struct {
+        int step, moved;
+        const char *calls, *line;
+    } cases[] = {
+        {1, 1, "/dev/i2c-2;", "0 Failed to open device /dev/i2c-2"},
+        {2, 1, "/dev/i2c-2;ioctl 706 0x31;close 77;", "121 Failed to set i2c slave to REG_STATUS2"},
+        {3, 1, "/dev/i2c-2;ioctl 706 0x31;read 1;close 77;", "121 Failed to read 1 byte from rtc"},
+        {0, 0, "/dev/i2c-2;ioctl 706 0x31;read 1;close 77;", "0 Failed to read 1 byte from rtc"},
+    };
+    for (auto [step, moved, calls, line] : cases) {
+        bool enabled = true;
+        device = {step, 77, moved};
+        EXPECT_FALSE(S35390_GetME(enabled));
+        EXPECT_TRUE(enabled && device.calls == calls) << device.calls;
+        std::string text = std::string("rtc S35390_GetME 3 ") + line;
+        EXPECT_EQ(text, logged());
+        device = {step, 77, moved};
+        EXPECT_FALSE(S35390_SetME(true));
+        replaceAll(text, "GetME", "SetME");
+        replaceAll(text, "read 1 byte from", "write 1 byte to");
+        EXPECT_EQ(text, logged());
+        EXPECT_EQ(step != 1, endsWith(device.calls, "close 77;"));
+    }
+}
+
+TEST_F(DevicesTest, MdioAsksThePhyThatInitFound) {
+    device = {};
+    {
+        mdio phy, untouched;
+        unsigned short value = 1;
+        EXPECT_FALSE(phy.read(2, value) || phy.write(2, value));
+        EXPECT_TRUE(device.calls.empty() && phy.init("eth0") && phy.init("eth1"));
+        EXPECT_TRUE(phy.read(0xFFFF, value) && value == 0xABCD && phy.write(0x1F, 0x8000));
+    }
+    EXPECT_EQ(
+        "socket 2 2 0;ioctl 8947 eth0 0 0 0;ioctl 8948 eth0 5 ffff 0;"
+        "ioctl 8949 eth0 5 1f 8000;close 77;",
+        device.calls);
+    static_assert(!std::is_copy_constructible_v<mdio> && !std::is_copy_assignable_v<mdio>);
+}
+
+TEST_F(DevicesTest, MdioLogsWhatFailsWithNamesOfAnyLength) {
+    for (const unsigned length : {15U, 16U, 17U, 200U}) {
+        const std::string name(length, 'n'), held = name.substr(0, 16);
+        unsigned short value = 1;
+        device = {1};
+        mdio phy;
+        EXPECT_FALSE(phy.init(name));
+        EXPECT_EQ("mdio init 3 121 socket create failed", logged());
+        device.failing = 3;
+        EXPECT_FALSE(phy.init(name) || phy.read(1, value));
+        EXPECT_EQ("mdio init 3 121 SIOCGMIIPHY " + name + " failed", logged());
+        EXPECT_TRUE(endsWith(device.calls, "ioctl 8947 " + held + " 0 0 0;close 77;"));
+        device.failing = 6;
+        EXPECT_TRUE(phy.init(name) && !phy.read(1, value) && value == 1);
+        EXPECT_EQ("mdio read 3 121 SIOCGMIIREG read " + held + " failed", logged());
+        device.failing = 7;
+        EXPECT_FALSE(phy.write(1, 2));
+        EXPECT_EQ("mdio write 3 121 SIOCSMIIREG write " + held + " failed", logged());
+    }
+}
+
+TEST_F(DevicesTest, IavStateIsInTheMaskOrNot) {
+    for (const int state : {INT_MIN, -1, 0, 1, 2, 3, 31, 32, 34, INT_MAX}) {
+        device = {0, 77, 1, state};
+        for (const int mask : {0, 1, 2, 3, 4, 5, 6, 7, 8, -8, -1})
+            EXPECT_EQ((state == 0 && mask % 2 != 0) || (state == 1 && (mask & 2) != 0) ||
+                          (state == 2 && (mask & 4) != 0),
+                      IavState::isState(77, mask));
+    }
+    device = {1};
+    EXPECT_FALSE(IavState::isState(77, 0));
+    EXPECT_EQ("ioctl 80047652;", device.calls);
+    EXPECT_EQ("IavState isState 3 121 Failed to read IAV_IOC_GET_STATE", logged());
+}
+
+TEST_F(DevicesTest, IavStateOwnsOneDescriptorAndNeverZero) {
+    device = {4};
+    {
+        IavState iav;
+        bool flip = true, mirror = false;
+        EXPECT_TRUE(iav.orientation(flip, mirror) && flip && !mirror);
+        EXPECT_TRUE(iav.init() && iav.init() && iav.isState(1) && !iav.init());
+        EXPECT_EQ("IavState init 3 0 Failed to access IAV device", logged());
+        device.descriptor = 0;
+        EXPECT_FALSE(iav.init());
+        EXPECT_EQ("IavState init 3 0 Failed to access IAV device", logged());
+        EXPECT_FALSE(iav.isState(7));
+        EXPECT_EQ("IavState isState 3 9 Failed to read IAV_IOC_GET_STATE", logged());
+        device.descriptor = 78;
+        EXPECT_TRUE(iav.init());
+    }
+    EXPECT_EQ(
+        "/dev/iav;/dev/iav;close 77;ioctl 80047652;/dev/iav;close 77;/dev/iav;close 0;"
+        "/dev/iav;close 78;",
+        device.calls);
+    static_assert(!std::is_copy_constructible_v<IavState>);
+}
