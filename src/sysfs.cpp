@@ -1,0 +1,91 @@
+#include "sysfs.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include <kest/utils/string_utils.h>
+
+#include "c_path.h"
+#include "unique_dir.h"
+#include "unique_fd.h"
+
+namespace kest::utils::detail {
+namespace {
+
+// Attributes that matter to us have one line.
+constexpr size_t kLongestValue = 1024;
+constexpr size_t kMostDevices = 1024;
+constexpr double kLargestNumber = 1e12;
+
+// A driver has no value at hand, or the device went between two system calls.
+Answer byErrno() {
+    const bool gone = errno == ENOENT || errno == ENODEV || errno == ENXIO || errno == ENODATA;
+    return gone ? Answer::No : Answer::Failed;
+}
+
+bool isDigit(char c) {
+    return c >= '0' && c <= '9';
+}
+
+}  // namespace
+
+Answer listDevices(const char* folder, const std::string& prefix, std::vector<std::string>& names) {
+    names.clear();
+    const UniqueDir dir(opendir(folder));
+    if (dir == nullptr) return byErrno();
+    while (names.size() < kMostDevices) {
+        const dirent* entry = readdir(dir.get());
+        if (entry == nullptr) break;
+        if (!isDots(*entry) && startsWith(entry->d_name, prefix)) names.emplace_back(entry->d_name);
+    }
+    std::sort(names.begin(), names.end(), [](const std::string& a, const std::string& b) {
+        return a.size() != b.size() ? a.size() < b.size() : a < b;
+    });
+    return Answer::Yes;
+}
+
+Answer readAttribute(const std::string& path, std::string& value) {
+    const UniqueFd fd(open(cPath(path), O_RDONLY | kSafeOpen));
+    return fd.valid() ? readAttribute(fd.get(), value) : byErrno();
+}
+
+Answer readAttribute(int fd, std::string& value) {
+    char text[kLongestValue];
+    ssize_t got = -1;
+    do {
+        got = pread(fd, text, sizeof(text), 0);
+    } while (got < 0 && errno == EINTR);
+    if (got < 0) return byErrno();
+    value.assign(text, static_cast<size_t>(got));
+    trim(value);
+    return Answer::Yes;
+}
+
+bool parseDecimal(const std::string& text, double& value) {
+    const bool negative = text[0] == '-';
+    size_t at = negative || text[0] == '+' ? 1 : 0;
+    double number = 0;
+    double unit = 1;
+    bool digits = false;
+    bool fraction = false;
+    for (; at < text.size(); ++at) {
+        if (text[at] == '.' && !fraction) {
+            fraction = true;
+            continue;
+        }
+        if (!isDigit(text[at])) return false;
+        digits = true;
+        // Further digits would only cost what is exact so far.
+        if (fraction && unit >= kLargestNumber) continue;
+        number = number * 10 + (text[at] - '0');
+        if (fraction) unit *= 10;
+        if (number / unit > kLargestNumber) return false;
+    }
+    value = (negative ? -number : number) / unit;
+    return digits;
+}
+
+}  // namespace kest::utils::detail
