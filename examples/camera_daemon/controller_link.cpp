@@ -55,12 +55,17 @@ void ControllerLink::onConnect(Connection& connection) {
 
 // A message may come in several parts.
 void ControllerLink::onPart(const unsigned char* data, unsigned length, bool last) {
-    if (incoming_.size() + length <= kLongestMessage) {
+    // One part too many tells that it is too long.
+    if (incoming_.size() <= kLongestMessage) {
         incoming_.append(reinterpret_cast<const char*>(data), length);
     }
     if (!last) return;
     const std::string text = std::exchange(incoming_, std::string());
-    onMessage_(text);
+    if (text.size() <= kLongestMessage) {
+        onMessage_(text);
+    } else {
+        printf("controller: message too long, ignored\n");
+    }
 }
 
 void ControllerLink::onEnd(const char* what, const std::string& reason) {
