@@ -16,9 +16,12 @@ constexpr size_t kLongestMessage = 1024 * 1024;
 constexpr size_t kMostQueued = 1000;
 
 volatile sig_atomic_t ending = 0;
+lws_context* serving = nullptr;
 
+// A signal just before the library waits would not interrupt it.
 void onEnd(int /*signo*/) {
     ending = 1;
+    if (serving != nullptr) lws_cancel_service(serving);
 }
 
 void endOn(int signo) {
@@ -38,12 +41,15 @@ Controller::~Controller() {
 bool Controller::run() {
     setvbuf(stdout, nullptr, _IOLBF, 0);
     lws_set_log_level(LLL_ERR, nullptr);
+    if (!start()) return false;
+    serving = context_;
     endOn(SIGINT);
     endOn(SIGTERM);
-    if (!start()) return false;
-    // A signal interrupts the wait.
+    printf("listening: %d\n",
+           lws_get_vhost_listen_port(lws_get_vhost_by_name(context_, "default")));
     while (ending == 0 && lws_service(context_, 0) >= 0) {
     }
+    serving = nullptr;
     printSummary();
     return true;
 }
@@ -76,7 +82,6 @@ bool Controller::start() {
                                    nullptr) == nullptr) {
         fprintf(stderr, "controller: no commands from standard input\n");
     }
-    printf("listening: %d\n", lws_get_vhost_listen_port(vhost));
     return true;
 }
 
