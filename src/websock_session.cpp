@@ -223,6 +223,7 @@ bool Session::serviceFd(int fd, int events) {
     ready.revents = static_cast<short>(events);
     const bool served = fd < 0 || lws_service_fd(context_, &ready) == 0;
     if (!served) KEST_LOG(KEST_ERROR, 0, "lws service failed");
+    // Also then: it may only mean that a close has begun, whose time limit wants to be kept.
     serviceForced();
     return served;
 }
@@ -455,7 +456,8 @@ int Session::on_LWS_CALLBACK_DEL_POLL_FD(lws* wsi, lws_callback_reasons, void*, 
     const int fd = static_cast<const lws_pollargs*>(in)->fd;
     const auto task = descriptors_.find(fd);
     if (task == descriptors_.end()) {
-        KEST_LOG(KEST_WARNING, 0, "fd is not found");
+        // The library says so twice of a plain connection, before and after it tells the end.
+        if (told_ != Told::End) KEST_LOG(KEST_WARNING, 0, "fd is not found");
         return 0;
     }
     KEST_LOG(KEST_DEBUG, 0, "[Event] %p dell poll fd=%d taskId=%llu", static_cast<void*>(wsi), fd,
