@@ -70,6 +70,11 @@ bool canRequest(const Address& address, const std::string& protocolName) {
            isWord(address.path, 1900) && isHeaderText(protocolName) && protocolName.size() <= 500;
 }
 
+// An IPv6 address stands in brackets in a field of the handshake (RFC 3986, 3.2.2).
+std::string hostField(const std::string& host) {
+    return host.find(':') == std::string::npos ? host : '[' + host + ']';
+}
+
 std::string reasonOf(const void* text, size_t length) {
     if (text == nullptr) return kNoReason;
     const auto* const begin = static_cast<const char*>(text);
@@ -171,14 +176,15 @@ bool Session::goAway() {
 
 bool Session::connect(const Address& address) {
     const Entry entry(*this);
+    const std::string host = hostField(address.host);
     lws_client_connect_info info = {};
     info.context = context_;
     info.address = address.host.c_str();
     info.port = address.port;
     info.ssl_connection = options_.useSsl ? LCCSCF_USE_SSL : 0;
     info.path = address.path.c_str();
-    info.host = address.host.c_str();
-    info.origin = address.host.c_str();
+    info.host = host.c_str();
+    info.origin = host.c_str();
     info.protocol = options_.protocolName.empty() ? nullptr : options_.protocolName.c_str();
     info.pwsi = &wsi_;
     KEST_LOG(KEST_DEBUG, 0, "WebSocket connection info: %s:%d%s p", info.address, info.port,

@@ -140,8 +140,11 @@ TEST_F(WebsockClientTest, TellsOnceHowItBeganAndOnceHowItEnded) {
         EXPECT_TRUE(live(daemon, server.uri(path)) == heard) << path;
         EXPECT_TRUE(ending.empty() || ending == server.line()) << path;
     }
-    EXPECT_THAT(errors(), ElementsAre());
     daemon.then = nullptr;
+    URI uri = server.uri("/host/");
+    uri["host"] = "::ffff:127.0.0.1";
+    EXPECT_THAT(live(daemon, uri), ElementsAre("connect", "close [::ffff:127.0.0.1]"));
+    EXPECT_THAT(errors(), ElementsAre());
     for (const std::string& value : {std::string("a\r\nb"), std::string(5000, 'x')}) {
         daemon.client->setHeader("X-Bad", value);
         EXPECT_EQ(1U, live(daemon, server.uri("/headers/")).size());

@@ -27,6 +27,8 @@ async def talk(socket, received, kind, argument):
             await socket.send(text)
     elif kind == "close":
         await socket.close(int(argument), "because")
+    elif kind == "host":
+        await socket.close(1000, socket.request_headers["Host"])
     elif kind == "reset":
         socket.transport.abort()
     elif kind == "big":

@@ -35,9 +35,8 @@ class KEST_API Connection {
 
     /// Queues a copy of the bytes as one text message; they must be UTF-8. Goes out when the
     /// connection can take it, after everything queued before. Never waits.
-    /// @return false, after one log line, while there is no established connection, when a close
-    /// was
-    ///         asked for, without data, and when the queue is full: that message is lost.
+    /// @return false, after one log line, when there is no established connection, a close was
+    ///         asked for, there are no data or the queue is full: that message is lost.
     bool send(const void* data, unsigned int length);
 
     /// Closes with status 1000 (1001 after WebsockClient::cancel()) once the queue is empty.
@@ -144,7 +143,8 @@ class KEST_API WebsockClient {
     // Callbacks; each replaces the one before.
 
     void onConnect(ConnectionCallback callback);
-    /// A long message comes in parts of up to 4096 bytes, see Connection::isLastPart().
+    /// A long message comes in parts of up to 4096 bytes, see Connection::isLastPart(). Text and
+    /// binary messages come alike; whether a text is UTF-8 is not looked at.
     void onMessage(MessageCallback callback);
     void onClose(ReasonCallback callback);
     void onError(ReasonCallback callback);
@@ -163,7 +163,8 @@ class KEST_API WebsockClient {
     bool service(int timeoutMs);
 
     /// Serves a descriptor with its ready epoll events, as the scheduler's callback does.
-    /// @return false, after one log line, without a connection and when the connection has ended.
+    /// @return false, after one log line, without a connection and when the library reports a
+    ///         failure, as which it counts the end of the connection and often a close that begins.
     bool serviceFd(int fd, int events);
 
     /// Closes an established connection with status 1001 once the queue is empty; drops anything
