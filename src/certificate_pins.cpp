@@ -1,7 +1,6 @@
 #define KEST_SOURCE "WebsockClient"
 #include "certificate_pins.h"
 
-#include <fcntl.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
 #include <sys/stat.h>
@@ -10,7 +9,9 @@
 #include <cerrno>
 #include <cstdio>
 
+#include "c_path.h"
 #include "log.h"
+#include "tls_context.h"
 #include "unique_fd.h"
 
 namespace kest::utils::websock {
@@ -20,19 +21,16 @@ using File = std::unique_ptr<FILE, int (*)(FILE*)>;
 
 // A regular file only: a pipe or a device could keep the daemon for ever.
 File openFile(const std::string& path) {
-    utils::detail::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    detail::UniqueFd fd(::open(detail::cPath(path), O_RDONLY | detail::kSafeOpen));
     struct stat status = {};
-    if (!fd.valid() || fstat(fd.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
+    if (!fd.valid() || fstat(fd.get(), &status) != 0) return File(nullptr, fclose);
+    if (!S_ISREG(status.st_mode)) {
+        errno = EINVAL;
         return File(nullptr, fclose);
     }
     File file(fdopen(fd.get(), "r"), fclose);
     if (file != nullptr) fd.release();
     return file;
-}
-
-// Instead of asking for a pass phrase on the terminal.
-int noPassphrase(char*, int, int, void*) {
-    return -1;
 }
 
 struct Issuer {

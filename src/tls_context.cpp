@@ -1,7 +1,10 @@
 #include "tls_context.h"
 
+#include <arpa/inet.h>
 #include <libwebsockets.h>
 #include <openssl/err.h>
+
+#include <kest/utils/fileutils.h>
 
 namespace kest::utils::websock {
 namespace {
@@ -19,11 +22,34 @@ void initialiseOnce() {
     static_cast<void>(once);
 }
 
-int noPassphrase(char*, int, int, void*) {
-    return -1;
+// The library offers every host as the server's name, up to its first colon; a server may refuse
+// one that is an address (RFC 6066, 3).
+void dropAddress(const SSL* ssl, int where, int) {
+    if (where != SSL_CB_HANDSHAKE_START) return;
+    const char* const name = SSL_get_servername(ssl, TLSEXT_NAMETYPE_host_name);
+    in_addr address = {};
+    if (name != nullptr && (name[0] == '[' || inet_pton(AF_INET, name, &address) == 1)) {
+        SSL_ctrl(const_cast<SSL*>(ssl), SSL_CTRL_SET_TLSEXT_HOSTNAME, TLSEXT_NAMETYPE_host_name,
+                 nullptr);
+    }
+}
+
+// A FIFO without a writer would keep the daemon for ever.
+bool loadCertificate(SSL_CTX* context, const std::string& path) {
+    return isFile(path) && SSL_CTX_use_certificate_chain_file(context, path.c_str()) == 1;
+}
+
+bool loadKey(SSL_CTX* context, const std::string& path) {
+    return isFile(path) &&
+           SSL_CTX_use_PrivateKey_file(context, path.c_str(), SSL_FILETYPE_PEM) == 1 &&
+           SSL_CTX_check_private_key(context) == 1;
 }
 
 }  // namespace
+
+int noPassphrase(char*, int, int, void*) {
+    return -1;
+}
 
 bool TlsContext::load(const std::string& certFile, const std::string& keyFile,
                       const std::string& caFile) {
@@ -34,13 +60,11 @@ bool TlsContext::load(const std::string& certFile, const std::string& keyFile,
     SSL_CTX_set_options(context, SSL_OP_NO_COMPRESSION);
     SSL_CTX_set_mode(context, SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER | SSL_MODE_RELEASE_BUFFERS);
     SSL_CTX_set_default_passwd_cb(context, noPassphrase);
-    const bool loaded =
-        (certFile.empty() || SSL_CTX_use_certificate_chain_file(context, certFile.c_str()) == 1) &&
-        (keyFile.empty() ||
-         (SSL_CTX_use_PrivateKey_file(context, keyFile.c_str(), SSL_FILETYPE_PEM) == 1 &&
-          SSL_CTX_check_private_key(context) == 1));
+    SSL_CTX_set_info_callback(context, dropAddress);
+    const bool loaded = (certFile.empty() || loadCertificate(context, certFile)) &&
+                        (keyFile.empty() || loadKey(context, keyFile));
     // Pinning decides, with or without authorities.
-    if (!caFile.empty()) SSL_CTX_load_verify_locations(context, caFile.c_str(), nullptr);
+    if (isFile(caFile)) SSL_CTX_load_verify_locations(context, caFile.c_str(), nullptr);
     ERR_clear_error();
     return loaded;
 }

@@ -1,6 +1,5 @@
 // The client's side of TLS, made here instead of by libwebsockets, whose own way of doing it
-// - draws new indices for its data from OpenSSL with every context, after which it neither finds
-// the
+// - draws new indices for its data from OpenSSL with every context, and then neither finds the
 //   connections of earlier contexts nor frees what belongs to them;
 // - reads all authorities of the system for each context, although they decide nothing here;
 // - asks for the pass phrase of an encrypted key on the terminal.
@@ -12,6 +11,9 @@
 #include <string>
 
 namespace kest::utils::websock {
+
+// OpenSSL's callback for an encrypted PEM file: refuses, instead of asking on the terminal.
+int noPassphrase(char*, int, int, void*);
 
 class TlsContext {
   public:
