@@ -1,6 +1,5 @@
 #include <kest/utils/persistence.h>
 #include <sys/reboot.h>
-#include <unistd.h>
 
 #include <kest/utils/timer.h>
 
@@ -10,7 +9,6 @@
 
 using namespace kest::test;
 using namespace kest::utils;
-using testing::ElementsAre;
 
 static int restarts = 0;
 
@@ -24,33 +22,30 @@ namespace {
 using PersistenceTest = CleanTest;
 
 TEST_F(PersistenceTest, AsksTheControlDaemonElseRebootsItself) {
+    const std::string client = "(printf '<%s>' \"$@\"; echo) >>/tmp/kest/asked; . /tmp/kest/status";
     Isolated()
-        .file("/tmp/kest/status", "0")
-        .program("/bin/kest_ipc_cli",
-                 "printf '<%s>' \"$@\" >/tmp/kest/asked; exit $(cat /tmp/kest/status)")
-        .program("/usr/bin/reboot", "exec mv /tmp/kest/asked /tmp/kest/rebooted")
+        .file("/tmp/kest/status", "exit 0")
+        .program("/bin/kest_ipc_cli", client)
+        .program("/usr/bin/reboot", "mkdir /tmp/kest/rebooted")  // fails the second time
         .run([] {
-            const std::string asked = "/tmp/kest/asked";
-            const std::string options = "<-z><-T=kest_ctlserver><-t=20000>";
-            EXPECT_TRUE(enqueuePersist(true));
-            EXPECT_EQ(options + R"(<-m={"functionName":"SaveToFlash","sync":true}><-r=1>)",
-                      readFile(asked));
-            EXPECT_TRUE(enqueueReboot(-5));
-            EXPECT_EQ(options + R"(<-m={"functionName":"Reboot","delayMs":-5}>)", readFile(asked));
-            writeFile("/tmp/kest/status", "3");
+            EXPECT_TRUE(enqueuePersist(true) && enqueueReboot(-5));
+            writeFile("/tmp/kest/status", "exit 3");
             EXPECT_FALSE(enqueuePersist(false));
-            EXPECT_EQ(options + R"(<-m={"functionName":"SaveToFlash","sync":false}><-r=0>)",
-                      readFile(asked));
-            EXPECT_THAT(logTexts(), ElementsAre("Enqueued persist", "Enqueued persist"));
-
             const int64_t start = nowMs();
             EXPECT_TRUE(enqueueReboot(500));
             EXPECT_GE(nowMs() - start, 500);
-            EXPECT_NE("", readFile("/tmp/kest/rebooted"));
             EXPECT_EQ(0, restarts);
-            unlink("/bin/kest_ipc_cli");  // nothing for the program to move, so it fails
             EXPECT_TRUE(enqueueReboot(-1)) << "at once, and the kernel's refusal is no failure";
             EXPECT_EQ(1, restarts);
+
+            std::string expected;
+            for (const std::string rest :
+                 {R"("SaveToFlash","sync":true}><-r=1>)", R"("Reboot","delayMs":-5}>)",
+                  R"("SaveToFlash","sync":false}><-r=0>)", R"("Reboot","delayMs":500}>)",
+                  R"("Reboot","delayMs":-1}>)"})
+                expected += "<-z><-T=kest_ctlserver><-t=20000><-m={\"functionName\":" + rest + "\n";
+            EXPECT_EQ(expected, readFile("/tmp/kest/asked"));
+            EXPECT_THAT(logTexts(), testing::ElementsAre("Enqueued persist", "Enqueued persist"));
         });
 }
 
