@@ -52,6 +52,20 @@ bool isInteger(const Variant& value) {
     return type == VariantType::Int64 || type == VariantType::UInt64;
 }
 
+Variant& id(Variant& message) {
+    Variant& value = entry(message, "id");
+    if (!isInteger(value)) {
+        value = static_cast<unsigned long long>(IdGenerator::GenerateId());
+    }
+    return value;
+}
+
+Variant& transactionId(Variant& message) {
+    Variant& value = entry(message, "transactionId");
+    if (!isInteger(value)) value = -1;
+    return value;
+}
+
 const std::string& asText(const Variant& value) {
     return value;
 }
@@ -60,21 +74,17 @@ bool sameName(std::string_view a, std::string_view b) {
     return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
 }
 
-const char* validateName(std::string_view name) {
+std::string_view validateName(std::string_view name) {
     for (const std::string_view possible : kValidateNames) {
-        if (sameName(name, possible)) return possible.data();
+        if (sameName(name, possible)) return possible;
     }
-    return kValidateNames[0].data();
+    return kValidateNames[0];
 }
 
 }  // namespace
 
 uint64_t BaseMessage::id() {
-    Variant& value = entry(*this, "id");
-    if (!isInteger(value)) {
-        value = static_cast<unsigned long long>(IdGenerator::GenerateId());
-    }
-    return static_cast<unsigned long long>(value);
+    return static_cast<unsigned long long>(messages::id(*this));
 }
 
 timeval BaseMessage::timeStamp() {
@@ -113,11 +123,11 @@ void BaseMessage::functionName(std::string name) {
     entry(*this, "functionName") = std::move(name);
 }
 
-// Text, times and flags need no writing back once they have been repaired; integers may still
-// change their type.
+// What has been repaired needs no writing back, but for integers, which may still change their
+// type.
 void BaseMessage::NormalizeFields() {
-    const unsigned long long number = id();
-    entry(*this, "id") = number;
+    Variant& number = messages::id(*this);
+    number = static_cast<unsigned long long>(number);
     time(*this, "timeStamp");
     text(*this, "from");
     text(*this, "to");
@@ -131,9 +141,7 @@ bool BaseRequestMessage::responseExpected() {
 }
 
 int64_t BaseRequestMessage::transactionId() {
-    Variant& value = entry(*this, "transactionId");
-    if (!isInteger(value)) value = -1;
-    return static_cast<long long>(value);
+    return static_cast<long long>(messages::transactionId(*this));
 }
 
 bool BaseRequestMessage::isBroadcast() {
@@ -142,8 +150,8 @@ bool BaseRequestMessage::isBroadcast() {
 
 void BaseRequestMessage::NormalizeFields() {
     flag(*this, "responseExpected", false);
-    const long long transaction = transactionId();
-    entry(*this, "transactionId") = transaction;
+    Variant& transaction = messages::transactionId(*this);
+    transaction = static_cast<long long>(transaction);
     flag(*this, "isBroadcast", false);
     BaseMessage::NormalizeFields();
 }
@@ -161,7 +169,7 @@ std::string ValidateAuthToken::authToken() {
 }
 
 void ValidateAuthToken::functionName(std::string name) {
-    entry(*this, "functionName") = validateName(name);
+    entry(*this, "functionName") = validateName(name).data();
 }
 
 void ValidateAuthToken::authToken(std::string token) {
@@ -169,7 +177,8 @@ void ValidateAuthToken::authToken(std::string token) {
 }
 
 void ValidateAuthToken::NormalizeFields() {
-    functionName(functionName());
+    const Variant& name = text(*this, "functionName", kValidateNames[0].data());
+    if (asText(name) != validateName(asText(name))) functionName(asText(name));
     flag(*this, "responseExpected", true);
     text(*this, "authToken");
     BaseRequestMessage::NormalizeFields();
