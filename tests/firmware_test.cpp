@@ -26,21 +26,15 @@ TEST_F(FirmwareTest, ThirdPartyIsFourExactBytes) {
 }
 
 TEST_F(FirmwareTest, VersionLosesItsSecondField) {
-    const std::string full(124, 'x');
-    for (const auto& [text, result] :
-         {std::pair<std::string, std::string>{"A.B.v1.2.3", "A.v1.2.3"},
-          {"1..3", "1.3"},
-          {"...", ".."},
-          {"1.2." + full + "beyond", "1." + full},
-          {"", ""},
-          {".", "."},
-          {"..", ".."},
-          {"12", "12"},
-          {"1.", "1."},
-          {"1.2", "1.2"},
-          {"1.2.", "1.2."}}) {
-        Image image("OPEN" + text + std::string(128, '\0'));
-        EXPECT_EQ(result, ExtractFwVersion(image));
+    const std::string x(124, 'x');
+    const std::vector<std::string> texts = {"A.B.v1.2.3", "1..3", "...", "1.2." + x + "beyond",
+                                            "",           ".",    "..",  "12",
+                                            "1.",         "1.2",  "1.2."};
+    const std::vector<std::string> results = {"A.v1.2.3", "1.3", "..", "1." + x, "",    ".",
+                                              "..",       "12",  "1.", "1.2",    "1.2."};
+    for (size_t i = 0; i < texts.size(); ++i) {
+        Image image("OPEN" + texts[i] + std::string(128, '\0'));
+        EXPECT_EQ(results[i], ExtractFwVersion(image));
         EXPECT_EQ(0U, image.Cursor());
     }
     for (const unsigned size : {0U, 3U, 4U, 5U, 131U, 132U}) {
