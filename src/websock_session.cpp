@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <mutex>
 #include <utility>
 
 #include <kest/utils/scheduler.h>
@@ -38,7 +39,10 @@ void captureLibraryLog() {
     static_cast<void>(once);
 }
 
-// The library ignores the signal, which TLS needs; a daemon's own handler serves as well.
+// The library ignores the signal, which TLS needs; a daemon's own handler serves as well. One
+// thread after the other: else a second one would find it ignored and leave it so.
+std::mutex sigpipeMutex;
+
 class SigpipeKeeper {
   public:
     SigpipeKeeper() { sigaction(SIGPIPE, nullptr, &action_); }
@@ -49,6 +53,7 @@ class SigpipeKeeper {
     SigpipeKeeper& operator=(const SigpipeKeeper&) = delete;
 
   private:
+    const std::lock_guard<std::mutex> lock_{sigpipeMutex};
     struct sigaction action_ = {};
 };
 
