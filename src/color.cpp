@@ -124,9 +124,12 @@ double hueWeight(const Direction& hue) {
 
 // R_T
 double rotation(const Direction& hue, double chroma) {
-    // From 0 to 125 degrees exp(-36) or less is left of it: nothing, in double precision.
+    // From 0 to 125 degrees exp(-36) or less is left of it: nothing, in double precision. Just
+    // below 360 there is something; the mean of h and 360 - h is 0, and rounding must not take it
+    // there.
     constexpr double kCos125 = -0.573576436351046;
-    if (hue.sin > 0 && hue.cos > kCos125) return 0;
+    constexpr double kRounding = 1e-15;
+    if (hue.sin > -kRounding && hue.cos > kCos125) return 0;
     double degrees = std::atan2(hue.sin, hue.cos) * kDegreesPerRadian;
     if (degrees < 0) degrees += 360;
     const double distance = (degrees - 275) / 25;

@@ -174,18 +174,21 @@ void invertLoudly(unsigned char* samples, size_t count, int volume) {
 
 bool writeWavHeader(File& file, unsigned short channels, unsigned int sampleRate) {
     unsigned char header[kHeaderSize] = {
-        'R', 'I', 'F', 'F', 0,  0, 0, 0,  //
+        'R', 'I', 'F', 'F', 0,  0, 0, 0,  // size of the file
         'W', 'A', 'V', 'E',               //
         'f', 'm', 't', ' ', 16, 0, 0, 0,  //
-        1,   0,                           // PCM
+        1,   0,   0,   0,                 // PCM, channels
+        0,   0,   0,   0,                 // sample rate
+        0,   0,   0,   0,                 // byte rate
+        0,   0,                           // block align
+        16,  0,                           // bits per sample
+        'd', 'a', 't', 'a', 0,  0, 0, 0,  // size of the samples
     };
     const unsigned int blockAlign = channels * (kBitsPerSample / 8);
     put16(header + 22, channels);
     put32(header + 24, sampleRate);
     put32(header + 28, sampleRate * blockAlign);
     put16(header + 32, blockAlign);
-    put16(header + 34, kBitsPerSample);
-    std::memcpy(header + 36, "data", 4);
     file.WriteBuffer(header, sizeof(header));
     return true;
 }

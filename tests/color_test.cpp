@@ -35,6 +35,8 @@ TEST(ColorTest, DifferencesOfThePublishedPairs) {
         EXPECT_EQ(diff_ciede2000(second, first), diff_ciede2000(first, second));
         EXPECT_EQ(0, diff_ciede2000(first, first));
     }
+    // The mean of hues that lie alike on both sides of 0 is 0, not 360.
+    EXPECT_NEAR(40.90830, diff_ciede2000<Lab>({40, 7, -14}, {55, 35, 70}), 1e-5);
     EXPECT_NEAR(100, diff_ciede2000<YUV>({255, 128, 128}, {0, 128, 128}), 1e-4);
 }
 
