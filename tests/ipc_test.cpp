@@ -1,16 +1,25 @@
 #include <fcntl.h>
 #include <kest/ipc/BlockingIpcHandler.h>
 #include <kest/ipc/IpcService.h>
+#include <kest/utils/scheduler.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/epoll.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <zmq.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
+#include <iterator>
+#include <stdexcept>
 #include <string>
+#include <utility>
 
 #include "support/clean_test.h"
 #include "support/temp_dir.h"
@@ -21,51 +30,62 @@ namespace fs = std::filesystem;
 using namespace kest::test;
 using kest::ipc::BlockingIpcHandler, kest::ipc::IpcService, kest::ipc::appendSuffix;
 using kest::variant::Variant;
-using testing::ElementsAre, testing::IsEmpty;
+using testing::ElementsAre, testing::IsEmpty, testing::HasSubstr, testing::StartsWith;
 
-// A daemon in another process, which answers until it is told to end or killed.
-class Daemon {
+constexpr int kLong = 20000;
+
+// Runs in another process; made as soon as that tells with a byte that it is ready, or has ended.
+class Child {
   public:
-    explicit Daemon(const std::string& name, IpcService::Handler handler) {
+    explicit Child(const std::function<void(int ready)>& main) {
         int ready[2];
         EXPECT_EQ(0, pipe2(ready, O_CLOEXEC));
         pid_ = fork();
-        if (pid_ == 0) run(name, std::move(handler), ready[1]);
+        if (pid_ == 0) {
+            main(ready[1]);
+            _exit(testing::Test::HasFailure() ? 1 : 0);
+        }
         close(ready[1]);
         char byte = 0;
-        EXPECT_EQ(1, read(ready[0], &byte, 1)) << "the daemon did not start";
+        EXPECT_LE(0, read(ready[0], &byte, 1));
         close(ready[0]);
     }
-    ~Daemon() { kill(SIGKILL); }
-    Daemon(const Daemon&) = delete;
-    Daemon& operator=(const Daemon&) = delete;
+    ~Child() { end(SIGKILL); }
 
-    void kill(int signo) {
-        if (pid_ <= 0) return;
-        ::kill(pid_, signo);
-        waitpid(pid_, nullptr, 0);
-        pid_ = -1;
+    // Its wait status; with 0 for the signal it ends by itself.
+    int end(int signo) {
+        int status = -1;
+        if (pid_ > 0) kill(pid_, signo);
+        if (pid_ > 0) waitpid(std::exchange(pid_, -1), &status, 0);
+        return status;
     }
 
   private:
-    [[noreturn]] static void run(const std::string& name, IpcService::Handler handler, int ready) {
-        static volatile sig_atomic_t ended = 0;
-        struct sigaction action = {};
-        action.sa_handler = [](int) { ended = 1; };
-        sigaction(SIGTERM, &action, nullptr);
-        {
-            IpcService service(name);
-            service.onRequest(std::move(handler));
-            if (service.init() != 0 || write(ready, "!", 1) != 1) _exit(1);
-            pollfd item = {service.fd(), POLLIN, 0};
-            while (ended == 0 && (poll(&item, 1, -1) > 0 || errno == EINTR))
-                service.service();
-        }
-        _exit(0);
-    }
-
     pid_t pid_ = -1;
 };
+
+// A daemon's main function: answers until it is told to end.
+std::function<void(int)> daemon(const std::string& name, IpcService::Handler handler) {
+    return [=](int ready) {
+        static bool running = true;
+        IpcService service(name);
+        service.onRequest(handler);
+        kest::utils::Scheduler scheduler;
+        if (service.init() != 0 || !scheduler.Init()) return;
+        scheduler.AddIOTask(
+            service.fd(), EPOLLIN, [&](int, int, void*) { return service.service(); }, nullptr);
+        scheduler.AddSignalHandler(
+            SIGTERM, [](void*) { return running = false; }, nullptr);
+        if (write(ready, "!", 1) != 1) return;
+        while (running && scheduler.Service()) {
+        }
+    };
+}
+
+int statusOf(Variant& request, Variant& response) {
+    response["from"] = request["from"];
+    return request["status"];
+}
 
 class IpcTest : public CleanTest {
   protected:
@@ -78,38 +98,300 @@ class IpcTest : public CleanTest {
     TempDir dir_;
 };
 
-Variant request(uint64_t id) {
+Variant request(uint64_t id, int status = 0) {
     Variant message;
     message["id"] = id;
-    message["functionName"] = "Ask";
     message["responseExpected"] = true;
+    message["status"] = status;
     return message;
 }
 
+// The status of one request in an exchange of its own, or -errno.
+int ask(const std::string& destination, const Variant& message, int ms = kLong) {
+    BlockingIpcHandler handler("asker");
+    int failure = handler.init();
+    if (failure == 0) failure = handler.sendRequest(destination, message);
+    if (failure == 0) failure = handler.waitAllRequestsSent(ms);
+    if (failure == 0) failure = handler.waitAllResponsesReceived(ms);
+    return failure == 0 ? handler.getStatus(message["id"]) : -failure;
+}
+
 TEST_F(IpcTest, AnswersCarryStatusAndResponse) {
-    Daemon daemon("peer", [](Variant& asked, Variant& response) {
-        response["twice"] = 2 * static_cast<int>(asked["value"]);
-        response["from"] = asked["from"];
-        return static_cast<int>(asked["value"]);
-    });
+    Child peer(daemon("peer", statusOf));
     BlockingIpcHandler handler("asker");
     ASSERT_EQ(0, handler.init());
-    for (int i = 0; i < 3; ++i) {
-        Variant message = request(~0ULL - static_cast<unsigned>(i));
-        message["value"] = i;
-        ASSERT_EQ(0, handler.sendRequest("peer", message));
+    for (unsigned i = 0; i < 1024; ++i) {
+        ASSERT_EQ(0, handler.sendRequest("peer", request(~0ULL - i, static_cast<int>(i) - 7)));
     }
-    EXPECT_EQ(0, handler.waitAllRequestsSent(5000));
-    EXPECT_EQ(0, handler.waitAllResponsesReceived(5000));
-    for (int i = 0; i < 3; ++i) {
-        const uint64_t id = ~0ULL - static_cast<unsigned>(i);
-        EXPECT_EQ(i, handler.getStatus(id));
-        EXPECT_EQ(2 * i, handler.getResponse(id)["twice"]);
-        EXPECT_EQ("asker", handler.getResponse(id)["from"]);
+    EXPECT_EQ(ENOBUFS, handler.sendRequest("peer", request(1)));
+    EXPECT_EQ(EEXIST,
+              ask("peer", request(1)) == 0 ? handler.sendRequest("peer", request(~0ULL)) : -1);
+    EXPECT_EQ(0, handler.waitAllRequestsSent(kLong));
+    EXPECT_EQ(0, handler.waitAllResponsesReceived(kLong));
+    for (unsigned i = 0; i < 1024; ++i) {
+        EXPECT_EQ(static_cast<int>(i) - 7, handler.getStatus(~0ULL - i));
     }
-    daemon.kill(SIGTERM);
+    EXPECT_EQ("asker", handler.getResponse(~0ULL)["from"]);
+    EXPECT_EQ(0, handler.sendRequest("peer", request(1)));
+    EXPECT_EQ(BlockingIpcHandler::kUnanswered, handler.getStatus(~0ULL))
+        << "the oldest is forgotten";
+    EXPECT_EQ(0, peer.end(SIGTERM));
     EXPECT_TRUE(fs::is_empty(folder()));
     EXPECT_THAT(logTexts(), IsEmpty());
+    EXPECT_NE(appendSuffix("a"), appendSuffix("a"));
+}
+
+TEST_F(IpcTest, RefusesNamesAndMessages) {
+    BlockingIpcHandler handler("asker");
+    EXPECT_EQ(ENOTCONN, handler.sendRequest("peer", request(1)));
+    EXPECT_EQ(ENOTCONN, handler.waitAllRequestsSent(kLong));
+    ASSERT_EQ(0, handler.init());
+    for (const std::string name : {"", ".", "..", "../peer", "a/b", ".peer.lock", "a b", "a\n"}) {
+        EXPECT_EQ(EINVAL, handler.sendRequest(name, request(1))) << name;
+        EXPECT_EQ(EINVAL, BlockingIpcHandler(name).init()) << name;
+        EXPECT_EQ(EINVAL, IpcService(name).init()) << name;
+    }
+    EXPECT_EQ(ENAMETOOLONG, handler.sendRequest(std::string(108, 'x'), request(1)));
+    EXPECT_EQ(EINVAL, handler.sendRequest("peer", Variant("text")));
+    Variant large = request(1);
+    large["text"] = std::string(1 << 20, 'x');
+    EXPECT_EQ(EMSGSIZE, handler.sendRequest("peer", large));
+    EXPECT_EQ(0, handler.waitAllResponsesReceived(0));
+}
+
+TEST_F(IpcTest, RefusesFoldersThatOthersMayChange) {
+    const std::string real = dir_ / "real", link = dir_ / "link";
+    ASSERT_TRUE(fs::create_directory(real) && chmod(real.c_str(), 0700) == 0);
+    fs::create_directory_symlink(real, link);
+    writeFile(dir_ / "file", "");
+    const auto initIn = [](const std::string& path) {
+        setenv("KEST_IPC_DIR", path.c_str(), 1);
+        const int service = IpcService("peer").init();
+        EXPECT_EQ(service, BlockingIpcHandler("asker").init()) << path;
+        return service;
+    };
+    EXPECT_EQ(0, initIn(real));
+    EXPECT_EQ(ENOTDIR, initIn(link));
+    EXPECT_EQ(ENOTDIR, initIn(link + "/"));
+    EXPECT_EQ(ENOTDIR, initIn(dir_ / "file"));
+    EXPECT_EQ(ENOENT, initIn(dir_ / "no/folder"));
+    EXPECT_EQ(EINVAL, initIn("relative"));
+    ASSERT_EQ(0, chmod(real.c_str(), 0710));
+    EXPECT_EQ(EPERM, initIn(real));
+    ASSERT_EQ(0, chmod(real.c_str(), 0700));
+    if (chown(real.c_str(), 1, 1) == 0) {
+        EXPECT_EQ(EPERM, initIn(real));
+        EXPECT_EQ("IPC folder \"" + real + "\" belongs to another user", logTexts().back());
+    }
+}
+
+TEST_F(IpcTest, DestinationsComeAndGo) {
+    BlockingIpcHandler handler("asker");
+    ASSERT_EQ(0, handler.init());
+    Variant atOnce = request(2);
+    atOnce["queueIfDestUnavailable"] = false;
+    EXPECT_EQ(ENOENT, handler.sendRequest("peer", atOnce));
+    EXPECT_EQ(0, handler.sendRequest("peer", request(1, 5)));
+    EXPECT_EQ(ETIMEDOUT, handler.waitAllRequestsSent(50));
+    {
+        Child peer(daemon("peer", statusOf));
+        EXPECT_EQ(0, handler.waitAllRequestsSent(kLong));
+        EXPECT_EQ(0, handler.waitAllResponsesReceived(kLong));
+        EXPECT_EQ(5, handler.getStatus(1));
+        EXPECT_EQ(EADDRINUSE, IpcService("peer").init());
+    }
+    // Killed: its files are still there, and nobody listens.
+    EXPECT_EQ(-ECONNREFUSED, ask("peer", atOnce));
+    Child next(daemon("peer", [](Variant&, Variant&) { return raise(SIGKILL); }));
+    EXPECT_EQ(-ETIMEDOUT, ask("peer", request(3), 100));
+    EXPECT_EQ(BlockingIpcHandler::kUnanswered, handler.getStatus(3));
+    EXPECT_THAT(logTexts(), ElementsAre("Unable to open IPC endpoint \"peer\""));
+}
+
+// A socket of the bare library, bound to or connected with an endpoint.
+class BareSocket {
+  public:
+    BareSocket(int type, const std::string& path) : context_(zmq_ctx_new()) {
+        socket_ = zmq_socket(context_, type);
+        const std::string address = "ipc://" + path;
+        EXPECT_EQ(0, type == ZMQ_ROUTER ? zmq_bind(socket_, address.c_str())
+                                        : zmq_connect(socket_, address.c_str()));
+    }
+    ~BareSocket() {
+        zmq_close(socket_);
+        zmq_ctx_term(context_);
+    }
+
+    void send(std::initializer_list<std::string> parts) {
+        size_t left = parts.size();
+        for (const std::string& part : parts)
+            zmq_send(socket_, part.data(), part.size(), --left > 0 ? ZMQ_SNDMORE : 0);
+    }
+    std::string receivePart() {
+        std::string part(4096, '\0');
+        part.resize(static_cast<size_t>(std::max(zmq_recv(socket_, part.data(), 4096, 0), 0)));
+        return part;
+    }
+
+  private:
+    void* context_;
+    void* socket_ = nullptr;
+};
+
+const std::string kLarge = "\"" + std::string(1 << 20, 'x') + "\"";
+
+TEST_F(IpcTest, DropsWhatIsNoAnswer) {
+    ASSERT_TRUE(mkdir(folder().c_str(), 0700) == 0);
+    Child peer([this](int ready) {
+        BareSocket socket(ZMQ_ROUTER, folder() + "/peer");
+        if (write(ready, "!", 1) != 1) return;
+        const std::string asker = socket.receivePart();
+        for (const char* text : {"{]", kLarge.c_str(), "[]", R"({"id":1.5,"status":0})",
+                                 R"({"id":2,"status":0})", R"({"id":1,"status":"0"})"})
+            socket.send({asker, "", text});
+        socket.send({asker, R"({"id":1,"status":0})"});
+        socket.send({asker, "", R"({"id":1,"status":0})", ""});
+        socket.send({asker, "", R"({"id":1,"status":4294967296})"});
+        pause();
+    });
+    EXPECT_EQ(INT_MAX, ask("peer", request(1)));
+    const std::string start = "Dropped message from peer: it ";
+    EXPECT_THAT(logTexts(),
+                ElementsAre(start + "is not JSON", start + "is too large", start + "has no id",
+                            start + "has no id", start + "answers no request of ours",
+                            start + "has no status", start + "is not in two parts",
+                            start + "is not in two parts"));
+}
+
+TEST_F(IpcTest, DropsWhatIsNoRequest) {
+    IpcService service("peer");
+    std::string text = "first";
+    service.onRequest([&text](Variant&, Variant& response) {
+        response["text"] = std::exchange(text, kLarge);
+        return 7;
+    });
+    ASSERT_EQ(0, service.init());
+    const auto serveOnce = [&service] {
+        pollfd item = {service.fd(), POLLIN, 0};
+        ASSERT_TRUE(poll(&item, 1, kLong) == 1 && service.service());
+    };
+    BareSocket asker(ZMQ_REQ, folder() + "/peer"), garbage(ZMQ_DEALER, folder() + "/peer");
+    for (const char* bad : {"{]", kLarge.c_str(), "{}"})
+        garbage.send({"", bad});
+    garbage.send({R"({"id":1})"});
+    garbage.send({"", R"({"id":1})", ""});
+    while (logTexts().size() < 5)
+        serveOnce();
+    for (const auto& answer : {R"({"id":1,"response":{"text":"first"},"status":7})",
+                               R"({"id":1,"response":null,"status":90})"}) {
+        asker.send({R"({"id":1,"responseExpected":true})"});
+        for (const std::string before = text; text == before && logTexts().size() < 6;)
+            serveOnce();
+        EXPECT_EQ(answer, asker.receivePart());
+    }
+    const std::string start = "Dropped message to peer: it ";
+    EXPECT_THAT(logTexts(),
+                ElementsAre(start + "is not JSON", start + "is too large", start + "has no id",
+                            start + "is not in two parts", start + "is not in two parts",
+                            "Answer of peer is too large"));
+}
+
+long threads() {
+    return std::distance(fs::directory_iterator("/proc/self/task"), fs::directory_iterator());
+}
+
+TEST_F(IpcTest, ServiceIsReportedUntilTheWorkIsDone) {
+    const long before = threads();
+    {
+        IpcService service("peer");
+        EXPECT_FALSE(service.service());
+        EXPECT_EQ(-1, service.fd());
+        ASSERT_EQ(0, service.init());
+        int calls = 0;
+        service.onRequest([&](Variant&, Variant&) {
+            EXPECT_TRUE(service.service()) << "from inside";
+            if (++calls == 70) service.onRequest([&](Variant&, Variant&) { return ++calls; });
+            if (calls == 10) throw std::runtime_error("handler");
+            return 0;
+        });
+        BlockingIpcHandler handler("asker");
+        ASSERT_EQ(0, handler.init());
+        for (unsigned i = 0; i < 200; ++i)
+            ASSERT_EQ(0, handler.sendRequest("peer", request(i)));
+        pollfd item = {service.fd(), POLLIN, 0};
+        for (bool thrown = false; calls < 200;) {
+            handler.waitAllRequestsSent(0);
+            ASSERT_EQ(1, poll(&item, 1, kLong)) << calls;
+            const int done = calls;
+            try {
+                EXPECT_TRUE(service.service());
+            } catch (const std::runtime_error&) {
+                EXPECT_FALSE(std::exchange(thrown, true));
+            }
+            EXPECT_LE(calls - done, 64);
+        }
+        while (handler.getStatus(199) == BlockingIpcHandler::kUnanswered)
+            EXPECT_EQ(ETIMEDOUT, handler.waitAllResponsesReceived(10));
+        EXPECT_EQ(BlockingIpcHandler::kUnanswered, handler.getStatus(9)) << "its handler threw";
+        EXPECT_EQ(200, handler.getStatus(199));
+        service.service();
+        EXPECT_EQ(0, poll(&item, 1, 0));
+    }
+    EXPECT_EQ(before, threads());
+}
+
+TEST_F(IpcTest, CopiesInAChildDoNothing) {
+    IpcService service("peer");
+    BlockingIpcHandler handler("asker");
+    ASSERT_TRUE(service.init() == 0 && handler.init() == 0);
+    ASSERT_EQ(0, handler.sendRequest("peer", request(1)));
+    Child child([&](int) {
+        EXPECT_EQ(ENOTCONN, handler.sendRequest("peer", request(2)));
+        EXPECT_EQ(ENOTCONN, handler.waitAllResponsesReceived(kLong));
+        EXPECT_FALSE(service.service());
+        service.~IpcService();
+        handler.~BlockingIpcHandler();
+        // Without a look for leaks: the parent's threads and sockets are left on purpose.
+        if (!HasFailure()) raise(SIGUSR1);
+    });
+    EXPECT_EQ(SIGUSR1, child.end(0));
+    EXPECT_TRUE(fs::exists(folder() + "/peer"));
+    EXPECT_EQ(0, handler.waitAllRequestsSent(kLong));
+}
+
+// libzmq by itself ends the process here.
+TEST_F(IpcTest, WithoutDescriptorsNothingStarts) {
+    rlimit before = {};
+    getrlimit(RLIMIT_NOFILE, &before);
+    rlimit limit = before;
+    int failures = 0;
+    for (limit.rlim_cur = 4; IpcService("peer").init() != 0 || failures == 0; ++limit.rlim_cur)
+        ASSERT_TRUE(++failures < 100 && setrlimit(RLIMIT_NOFILE, &limit) == 0);
+    EXPECT_GT(failures, 10);
+    EXPECT_EQ(0, setrlimit(RLIMIT_NOFILE, &before));
+}
+
+TEST_F(IpcTest, CommandLineClient) {
+    Child peer(daemon("peer", statusOf));
+    const auto run = [this](const std::string& options) {
+        const std::string command =
+            std::string(IPC_CLI) + " " + options + " >" + (dir_ / "out") + " 2>&1";
+        return WEXITSTATUS(system(command.c_str()));
+    };
+    EXPECT_EQ(0, run(R"(-z -T=peer -t=20000 '-m={"status":3}' -r=1)"));
+    EXPECT_EQ("", readFile(dir_ / "out"));
+    EXPECT_EQ(0, run(R"(-T=peer -t=20000 '-m={"status":3}')"));
+    EXPECT_THAT(readFile(dir_ / "out"), StartsWith(R"(3 {"from":"kest_ipc_cli_)"));
+    EXPECT_EQ(0, run("-z -T=peer -t=20000 '-m={}' -r=0"));
+    EXPECT_EQ(1, run("-z -T=nobody -t=10 '-m={}' -r=0"));
+    EXPECT_EQ("kest_ipc_cli: nobody: Connection timed out\n", readFile(dir_ / "out"));
+    for (const char* options :
+         {"", "-z -T=peer -t=10", "-T=peer -t=-1 -m={}", "-T=peer -t=1 -m=[]", "-T= -t=1 -m={}",
+          "-T=peer -t=1 -m={} -r=2", "-T=peer -t=1 -m={} x"}) {
+        EXPECT_EQ(2, run(options)) << options;
+        const std::string said = readFile(dir_ / "out");
+        EXPECT_EQ(1, std::count(said.begin(), said.end(), '\n')) << said;
+    }
 }
 
 }  // namespace

@@ -45,9 +45,18 @@ bool isFalse(const Variant* value) {
     return value != nullptr && *value == VariantType::Bool && !static_cast<bool>(*value);
 }
 
-void fillIn(Variant& message, const char* key, const std::string& text) {
-    Variant& value = message[key];
-    if (static_cast<const std::string&>(value).empty()) value = text;
+bool isEmpty(const Variant& message, const char* key) {
+    return static_cast<const std::string&>(message[key]).empty();
+}
+
+// The message as JSON, with sender and receiver filled in.
+std::string toText(const Variant& message, const std::string& from, const std::string& to) {
+    const bool noSender = isEmpty(message, "from"), noReceiver = isEmpty(message, "to");
+    if (!noSender && !noReceiver) return message.ToJson();
+    Variant filled = message;
+    if (noSender) filled["from"] = from;
+    if (noReceiver) filled["to"] = to;
+    return filled.ToJson();
 }
 
 // 0 when somebody listens there, else the reason why not.
@@ -170,10 +179,7 @@ int BlockingIpcHandler::Impl::sendRequest(const std::string& destination, const 
     if (same != nullptr && same->awaited) return EEXIST;
     if (!makeRoom()) return ENOBUFS;
 
-    Variant filled = message;
-    fillIn(filled, "from", name_);
-    fillIn(filled, "to", destination);
-    std::string text = filled.ToJson();
+    std::string text = toText(message, name_, destination);
     if (text.size() > detail::kMaxMessage) return EMSGSIZE;
 
     Link* link = nullptr;

@@ -83,6 +83,7 @@ struct Endpoint {
     detail::Socket socket;
     // Readable when the descriptor has to be reported again although libzmq does not see a reason.
     UniqueFd again;
+    bool reminded = false;
     UniqueFd epoll;
 
     int open(const std::string& name);
@@ -128,15 +129,14 @@ int Endpoint::makeDescriptor() {
 // Sees to it that what is left over is reported again, also when a handler throws.
 class Reminder {
   public:
-    explicit Reminder(const UniqueFd& again) : again_(again) {
+    explicit Reminder(Endpoint& endpoint) : endpoint_(endpoint) {
         uint64_t count = 0;
-        // Empty most of the time; what counts is that it is empty afterwards.
-        [[maybe_unused]] const ssize_t got = read(again_.get(), &count, sizeof(count));
+        if (endpoint_.reminded) (void)!read(endpoint_.again.get(), &count, sizeof(count));
+        endpoint_.reminded = false;
     }
     ~Reminder() {
         const uint64_t one = 1;
-        if (!done_) [[maybe_unused]]
-            const ssize_t put = write(again_.get(), &one, sizeof(one));
+        if (!done_) endpoint_.reminded = write(endpoint_.again.get(), &one, sizeof(one)) > 0;
     }
     Reminder(const Reminder&) = delete;
     Reminder& operator=(const Reminder&) = delete;
@@ -144,7 +144,7 @@ class Reminder {
     void nothingLeft() { done_ = true; }
 
   private:
-    const UniqueFd& again_;
+    Endpoint& endpoint_;
     bool done_ = false;
 };
 
@@ -163,7 +163,7 @@ class IpcService::Impl {
     int serveBatch();
     const char* serve(std::string_view asker, std::string_view text);
     int handle(Variant& request, Variant& response);
-    void answer(std::string_view asker, uint64_t id, int status, Variant response);
+    void answer(std::string_view asker, Variant id, int status, Variant response);
 
     const std::string name_;
     std::shared_ptr<Handler> handler_;
@@ -191,9 +191,9 @@ int IpcService::Impl::handle(Variant& request, Variant& response) {
     return (*handler)(request, response);
 }
 
-void IpcService::Impl::answer(std::string_view asker, uint64_t id, int status, Variant response) {
+void IpcService::Impl::answer(std::string_view asker, Variant id, int status, Variant response) {
     Variant message;
-    message["id"] = id;
+    message["id"] = std::move(id);
     message["status"] = status;
     message["response"] = std::move(response);
     std::string text = message.ToJson();
@@ -210,14 +210,16 @@ void IpcService::Impl::answer(std::string_view asker, uint64_t id, int status, V
 // What is wrong with a request, or null pointer.
 const char* IpcService::Impl::serve(std::string_view asker, std::string_view text) {
     Variant request;
-    uint64_t id = 0;
-    const char* const problem = detail::parseMessage(text, request, id);
+    uint64_t number = 0;
+    const char* const problem = detail::parseMessage(text, request, number);
     if (problem != nullptr) return problem;
+    // Before the handler, which may change the request. The id goes back in the type it came in.
+    Variant id = request["id"];
     const bool expected = isTrue(request["responseExpected"]);
     Variant response;
     response.IsArray(false);
     const int status = handle(request, response);
-    if (expected) answer(asker, id, status, std::move(response));
+    if (expected) answer(asker, std::move(id), status, std::move(response));
     return nullptr;
 }
 
@@ -243,7 +245,7 @@ bool IpcService::Impl::service() {
         errno = ENOTCONN;
         return false;
     }
-    Reminder reminder(endpoint_->again);
+    Reminder reminder(*endpoint_);
     const int result = serveBatch();
     if (result == 0) return true;
     reminder.nothingLeft();

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
+#include <mutex>
 
 #include "log.h"
 #include "unique_fd.h"
@@ -33,7 +34,7 @@ std::string configuredPath() {
 // Settings are nobody else's business; SQLite would make a file that everybody reads. Touches no
 // file that is there: to close a descriptor of it is to give up this process's locks on it.
 void createPrivately(const std::string& path) {
-    utils::detail::UniqueFd(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    utils::detail::UniqueFd(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
 }
 
 }  // namespace
@@ -90,7 +91,12 @@ void SystemCfgManager::fail(const char* caller, const char* what) const {
 }
 
 bool SystemCfgManager::ready(const char* caller) const {
-    if (database_ != nullptr && owner_ == getpid()) return true;
+    // SQLite ends the transaction by itself after some failures; what came then would not be
+    // undone.
+    if (database_ != nullptr && owner_ == getpid() &&
+        sqlite3_get_autocommit(database_.get()) == 0) {
+        return true;
+    }
     KEST_LOG_AS(caller, KEST_ERROR, 0, "The configuration store is not open");
     return false;
 }
@@ -100,10 +106,14 @@ bool SystemCfgManager::execute(const char* sql) {
 }
 
 bool SystemCfgManager::open() {
+    // No other thread may have the new file open, and locked, before its first descriptor is
+    // closed.
+    static std::mutex creating;
+    const std::lock_guard<std::mutex> guard(creating);
     createPrivately(path_);
     sqlite3* opened = nullptr;
-    const int result = sqlite3_open_v2(path_.c_str(), &opened,
-                                       SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
+    const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE;
+    const int result = sqlite3_open_v2(path_.c_str(), &opened, flags, nullptr);
     database_.reset(opened);
     return result == SQLITE_OK && sqlite3_busy_timeout(opened, kBusyTimeoutMs) == SQLITE_OK;
 }

@@ -23,6 +23,10 @@ using variant::Variant;
 constexpr char kDefaultFolder[] = "/run/kest";
 // How long an object that goes waits until what was sent has reached the other side's socket.
 constexpr int kLingerMs = 1000;
+// Messages that libzmq holds for a reader who does not come, per connection; what it holds for a
+// writer must have room for the answers to all requests that one asker may have open.
+constexpr int kMaxUnread = 64;
+constexpr int kMaxUnsent = 2048;
 // More than libzmq opens for a context and its first socket.
 constexpr size_t kNeededDescriptors = 10;
 
@@ -128,7 +132,8 @@ int Context::open(int type, Socket& socket) const {
         return zmq_setsockopt(opened.get(), option, &value, sizeof(value)) == 0;
     };
     // Immediate: what nobody takes stays with us instead of in a queue that we cannot ask.
-    if (!set(ZMQ_LINGER, kLingerMs) || !set(ZMQ_MAXMSGSIZE, largest) || !set(ZMQ_IMMEDIATE, one)) {
+    if (!set(ZMQ_LINGER, kLingerMs) || !set(ZMQ_MAXMSGSIZE, largest) || !set(ZMQ_IMMEDIATE, one) ||
+        !set(ZMQ_RCVHWM, kMaxUnread) || !set(ZMQ_SNDHWM, kMaxUnsent)) {
         return errno;
     }
     socket = std::move(opened);

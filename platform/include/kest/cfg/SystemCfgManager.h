@@ -65,16 +65,16 @@ class KEST_PLATFORM_API SystemCfgManager {
     bool close(bool commit, bool reserved);
 
   private:
-    struct CloseDatabase {
+    struct KEST_PLATFORM_LOCAL CloseDatabase {
         void operator()(sqlite3* database) const;
     };
-    class Statement;
+    class KEST_PLATFORM_LOCAL Statement;
 
-    bool open();
-    bool begin();
-    bool execute(const char* sql);
-    bool ready(const char* caller) const;
-    void fail(const char* caller, const char* what) const;
+    KEST_PLATFORM_LOCAL bool open();
+    KEST_PLATFORM_LOCAL bool begin();
+    KEST_PLATFORM_LOCAL bool execute(const char* sql);
+    KEST_PLATFORM_LOCAL bool ready(const char* caller) const;
+    KEST_PLATFORM_LOCAL void fail(const char* caller, const char* what) const;
 
     std::string path_;
     std::unique_ptr<sqlite3, CloseDatabase> database_;

@@ -90,7 +90,7 @@ class KEST_PLATFORM_API BlockingIpcHandler {
     const variant::Variant& getResponse(uint64_t id) const;
 
   private:
-    class Impl;
+    class KEST_PLATFORM_LOCAL Impl;
     std::unique_ptr<Impl> impl_;
 };
 

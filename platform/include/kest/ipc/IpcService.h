@@ -65,7 +65,7 @@ class KEST_PLATFORM_API IpcService {
     bool service();
 
   private:
-    class Impl;
+    class KEST_PLATFORM_LOCAL Impl;
     std::unique_ptr<Impl> impl_;
 };
 

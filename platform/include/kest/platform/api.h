@@ -4,3 +4,6 @@
 
 /// Marks a function or class as part of the platform library's binary interface.
 #define KEST_PLATFORM_API __attribute__((visibility("default")))
+
+/// Keeps a private part of such a class out of it.
+#define KEST_PLATFORM_LOCAL __attribute__((visibility("hidden")))
