@@ -3,7 +3,6 @@
 
 #include <kest/utils/hash.h>
 
-#include <endian.h>
 #include <fcntl.h>
 #include <openssl/md5.h>
 #include <time.h>
@@ -49,22 +48,19 @@ uint32_t clockNanoseconds() {
     return static_cast<uint32_t>(now.tv_nsec);
 }
 
-// The two digits of a byte, the first of them left to a fill character where it is 0.
-class HexDigits {
-  public:
-    explicit HexDigits(char fill) { first_[0] = static_cast<unsigned char>(fill); }
+// The two digits of each byte.
+struct HexDigits {
+    char of[256][2] = {};
 
-    void put(unsigned char byte, char* out) const {
-        // One store instead of two.
-        const int digits = first_[byte >> 4] | second_[byte & 15] << 8;
-        const uint16_t pair = htole16(static_cast<uint16_t>(digits));
-        memcpy(out, &pair, sizeof(pair));
+    constexpr HexDigits() {
+        constexpr char kDigits[] = "0123456789abcdef";
+        for (unsigned byte = 0; byte < 256; ++byte) {
+            of[byte][0] = kDigits[byte >> 4];
+            of[byte][1] = kDigits[byte & 15];
+        }
     }
-
-  private:
-    unsigned char first_[17] = "0123456789abcdef";
-    unsigned char second_[17] = "0123456789abcdef";
 };
+constexpr HexDigits kHexDigits;
 
 }  // namespace
 
@@ -74,19 +70,14 @@ std::string bin2hex(const unsigned char* data, unsigned int len, const std::stri
     if (data == nullptr || len == 0 || len > text.max_size() / (2 + separator.size())) return text;
     text.resize(size_t{len} * 2 + (size_t{len} - 1) * separator.size());
 
-    const HexDigits digits(fill);
-    char* at = text.data();
-    if (separator.empty()) {
-        for (unsigned int i = 0; i < len; ++i, at += 2)
-            digits.put(data[i], at);
-        return text;
-    }
-    digits.put(data[0], at);
-    at += 2;
-    for (unsigned int i = 1; i < len; ++i, at += 2) {
-        at = std::copy(separator.begin(), separator.end(), at);
-        digits.put(data[i], at);
-    }
+    char* const begin = text.data();
+    const size_t step = 2 + separator.size();
+    for (size_t i = 0; i < len; ++i)
+        memcpy(begin + i * step, kHexDigits.of[data[i]], 2);
+    for (size_t i = 1; i < len && !separator.empty(); ++i)
+        std::copy(separator.begin(), separator.end(), begin + i * step - separator.size());
+    for (size_t i = 0; i < len && fill != '0'; ++i)
+        if (data[i] < 16) begin[i * step] = fill;
     return text;
 }
 
