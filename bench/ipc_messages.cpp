@@ -1,8 +1,8 @@
 // What it costs to make a message ready to be sent: ours beside a JSON library's object that gets
 // the same ten keys by the same rule, missing or mistyped ones their default.
 //
-// Cases are named "<pattern>/<contestant>": "fresh" begins with an empty message and frees it,
-// "ready" looks through one that holds all of its keys.
+// Cases are named "<pattern>/<contestant>": "normalize_new" begins with an empty message and frees
+// it, "normalize_ready" looks through one that holds all of its keys.
 #include <benchmark/benchmark.h>
 #include <sys/time.h>
 
@@ -64,9 +64,9 @@ void ready(benchmark::State& state) {
     }
 }
 
-BENCHMARK_TEMPLATE(fresh, ValidateAuthToken)->Name("fresh/ours");
-BENCHMARK_TEMPLATE(fresh, json)->Name("fresh/nlohmann");
-BENCHMARK_TEMPLATE(ready, ValidateAuthToken)->Name("ready/ours");
-BENCHMARK_TEMPLATE(ready, json)->Name("ready/nlohmann");
+BENCHMARK_TEMPLATE(fresh, ValidateAuthToken)->Name("normalize_new/ours");
+BENCHMARK_TEMPLATE(fresh, json)->Name("normalize_new/nlohmann");
+BENCHMARK_TEMPLATE(ready, ValidateAuthToken)->Name("normalize_ready/ours");
+BENCHMARK_TEMPLATE(ready, json)->Name("normalize_ready/nlohmann");
 
 }  // namespace
