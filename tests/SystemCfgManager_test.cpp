@@ -99,22 +99,17 @@ TEST_F(SystemCfgManagerTest, KeepsWhatIsCommitted) {
 }
 
 TEST_F(SystemCfgManagerTest, ProcessesTakeTurns) {
-    const auto countUp = [](int times) {
-        for (; times > 0; --times) {
-            SystemCfgManager store;
-            int value = 0;
-            EXPECT_TRUE(store.init() && store.get("count", &value, nullptr));
-            EXPECT_TRUE(store.set("count", value + 1, nullptr) && store.close(true, false));
-        }
-    };
-    EXPECT_EQ(0, inChild([&countUp] {
-                  const pid_t other = fork();
-                  countUp(20);
-                  if (other == 0) return;
-                  int status = -1;
-                  waitpid(other, &status, 0);
-                  EXPECT_EQ(0, status);
-              }));
+    const pid_t other = fork();
+    for (int i = 0; i < 20; ++i) {
+        SystemCfgManager store;
+        int value = 0;
+        EXPECT_TRUE(store.init() && store.get("count", &value, nullptr));
+        EXPECT_TRUE(store.set("count", value + 1, nullptr) && store.close(true, false));
+    }
+    if (other == 0) _exit(HasFailure() ? 1 : 0);
+    int status = -1;
+    waitpid(other, &status, 0);
+    EXPECT_EQ(0, status);
     EXPECT_EQ(40, stored("count"));
 }
 

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstring>
 #include <deque>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -28,7 +29,6 @@ constexpr size_t kMaxRequests = 1024;
 constexpr int kMaxBatch = 64;
 
 struct Request {
-    uint64_t id = 0;
     std::string destination;
     bool awaited = false;
     int status = BlockingIpcHandler::kUnanswered;
@@ -93,20 +93,23 @@ class BlockingIpcHandler::Impl {
   private:
     int findLink(const std::string& destination, bool queueIfAbsent, Link*& link);
     bool makeRoom();
+    void remember(uint64_t id, Request request);
     size_t unsent() const;
     template <typename Done>
     int wait(int ms, Done done);
-    void exchange();
+    void advance(int ms);
+    bool exchange();
     void sendQueued(Link& link);
-    void takeAnswers(Link& link);
+    bool takeAnswer(Link& link, int waitMs);
     const char* accept(const Link& link, std::string_view text);
-    void poll(long long ms);
+    void poll(int ms);
 
     const std::string name_;
     std::string folder_;
     detail::Context context_;
     std::vector<Link> links_;  // before the context goes, they do
-    std::deque<Request> requests_;
+    std::unordered_map<uint64_t, Request> requests_;
+    std::deque<uint64_t> order_;  // their ids, oldest first
     size_t awaited_ = 0;
 };
 
@@ -118,9 +121,8 @@ int BlockingIpcHandler::Impl::init() {
 }
 
 const Request* BlockingIpcHandler::Impl::find(uint64_t id) const {
-    const auto found = std::find_if(requests_.rbegin(), requests_.rend(),
-                                    [id](const Request& request) { return request.id == id; });
-    return found == requests_.rend() ? nullptr : &*found;
+    const auto found = requests_.find(id);
+    return found == requests_.end() ? nullptr : &found->second;
 }
 
 size_t BlockingIpcHandler::Impl::unsent() const {
@@ -134,11 +136,19 @@ size_t BlockingIpcHandler::Impl::unsent() const {
 bool BlockingIpcHandler::Impl::makeRoom() {
     if (unsent() >= kMaxRequests) return false;
     if (requests_.size() < kMaxRequests) return true;
-    const auto oldest = std::find_if(requests_.begin(), requests_.end(),
-                                     [](const Request& request) { return !request.awaited; });
-    if (oldest == requests_.end()) return false;
-    requests_.erase(oldest);
+    const auto oldest = std::find_if(order_.begin(), order_.end(),
+                                     [this](uint64_t id) { return !requests_[id].awaited; });
+    if (oldest == order_.end()) return false;
+    requests_.erase(*oldest);
+    order_.erase(oldest);
     return true;
+}
+
+void BlockingIpcHandler::Impl::remember(uint64_t id, Request request) {
+    if (requests_.erase(id) > 0) order_.erase(std::find(order_.begin(), order_.end(), id));
+    awaited_ += request.awaited ? 1 : 0;
+    requests_.emplace(id, std::move(request));
+    order_.push_back(id);
 }
 
 int BlockingIpcHandler::Impl::findLink(const std::string& destination, bool queueIfAbsent,
@@ -171,11 +181,10 @@ int BlockingIpcHandler::Impl::sendRequest(const std::string& destination, const 
     if (id == nullptr || !id->IsInteger()) return EINVAL;
 
     Request request;
-    request.id = *id;
     request.destination = destination;
     request.awaited = message["responseExpected"] == VariantType::Bool &&
                       static_cast<bool>(message["responseExpected"]);
-    const Request* const same = find(request.id);
+    const Request* const same = find(*id);
     if (same != nullptr && same->awaited) return EEXIST;
     if (!makeRoom()) return ENOBUFS;
 
@@ -186,8 +195,7 @@ int BlockingIpcHandler::Impl::sendRequest(const std::string& destination, const 
     const int failure =
         findLink(destination, !isFalse(message.Find("queueIfDestUnavailable")), link);
     if (failure != 0) return failure;
-    awaited_ += request.awaited ? 1 : 0;
-    requests_.push_back(std::move(request));
+    remember(*id, std::move(request));
     link->unsent.push_back(std::move(text));
     sendQueued(*link);
     return 0;
@@ -218,28 +226,34 @@ const char* BlockingIpcHandler::Impl::accept(const Link& link, std::string_view 
     return nullptr;
 }
 
-void BlockingIpcHandler::Impl::takeAnswers(Link& link) {
-    for (int i = 0; i < kMaxBatch; ++i) {
-        std::array<detail::Frame, 2> frames;
-        const int failure = detail::receive(link.socket, frames.data(), frames.size());
-        if (failure != 0 && failure != EBADMSG) return;
-        const char* const problem =
-            failure == 0 ? accept(link, frames[1].text()) : "is not in two parts";
-        if (problem != nullptr) {
-            KEST_LOG_AS("waitAllResponsesReceived", KEST_WARNING, 0,
-                        "Dropped message from %s: it %s", link.destination.c_str(), problem);
-        }
+// @return false when there was none.
+bool BlockingIpcHandler::Impl::takeAnswer(Link& link, int waitMs) {
+    std::array<detail::Frame, 2> frames;
+    const int failure = detail::receive(link.socket, frames.data(), frames.size(), waitMs);
+    if (failure != 0 && failure != EBADMSG) return false;
+    const char* const problem =
+        failure == 0 ? accept(link, frames[1].text()) : "is not in two parts";
+    if (problem != nullptr) {
+        KEST_LOG_AS("waitAllResponsesReceived", KEST_WARNING, 0, "Dropped message from %s: it %s",
+                    link.destination.c_str(), problem);
     }
+    return true;
 }
 
-void BlockingIpcHandler::Impl::exchange() {
+// Sends and takes what can be without waiting.
+bool BlockingIpcHandler::Impl::exchange() {
+    bool progress = false;
     for (Link& link : links_) {
+        const size_t before = link.unsent.size();
         sendQueued(link);
-        takeAnswers(link);
+        progress = progress || link.unsent.size() < before;
+        for (int i = 0; i < kMaxBatch && takeAnswer(link, 0); ++i)
+            progress = true;
     }
+    return progress;
 }
 
-void BlockingIpcHandler::Impl::poll(long long ms) {
+void BlockingIpcHandler::Impl::poll(int ms) {
     std::vector<zmq_pollitem_t> items;
     items.reserve(links_.size());
     for (const Link& link : links_) {
@@ -247,20 +261,32 @@ void BlockingIpcHandler::Impl::poll(long long ms) {
         items.push_back({link.socket.get(), -1, events, 0});
     }
     // Whatever it says, the next look at the sockets and at the clock tells what there is to do.
-    zmq_poll(items.data(), static_cast<int>(items.size()), static_cast<long>(ms));
+    zmq_poll(items.data(), static_cast<int>(items.size()), ms);
+}
+
+// One step towards the end of a wait.
+void BlockingIpcHandler::Impl::advance(int ms) {
+    // Nearly always there is one destination to listen to; then a receive that waits does with a
+    // fraction of the system calls.
+    if (links_.size() == 1 && links_[0].unsent.empty()) {
+        takeAnswer(links_[0], ms);
+    } else if (!exchange() && ms > 0) {
+        poll(ms);
+    }
 }
 
 template <typename Done>
 int BlockingIpcHandler::Impl::wait(int ms, Done done) {
     if (!context_.running()) return ENOTCONN;
     const long long deadline = detail::nowMs() + std::max(ms, 0);
-    while (true) {
-        exchange();
-        if (done()) return 0;
-        const long long left = deadline - detail::nowMs();
-        if (left <= 0) return ETIMEDOUT;
-        poll(left);
+    int left = std::max(ms, 0);
+    while (!done()) {
+        advance(left);
+        if (done()) break;
+        if (left == 0) return ETIMEDOUT;
+        left = static_cast<int>(std::max(deadline - detail::nowMs(), 0LL));
     }
+    return 0;
 }
 
 int BlockingIpcHandler::Impl::waitUntilSent(int ms) {

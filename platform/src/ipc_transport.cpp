@@ -140,15 +140,22 @@ int Context::open(int type, Socket& socket) const {
     return 0;
 }
 
-int receive(const Socket& socket, Frame* frames, size_t count) {
+int receive(const Socket& socket, Frame* frames, size_t count, int waitMs) {
+    int flags = ZMQ_DONTWAIT;
+    if (waitMs > 0) {
+        if (zmq_setsockopt(socket.get(), ZMQ_RCVTIMEO, &waitMs, sizeof(waitMs)) != 0) return errno;
+        flags = 0;
+    }
     Frame surplus;
     size_t received = 0;
     for (bool more = true; more; ++received) {
         zmq_msg_t* const part = (received < count ? frames[received] : surplus).get();
-        while (zmq_msg_recv(part, socket.get(), ZMQ_DONTWAIT) == -1) {
-            if (errno != EINTR) return errno;
+        while (zmq_msg_recv(part, socket.get(), flags) == -1) {
+            if (errno != EINTR || flags == 0) return errno;
         }
         more = zmq_msg_more(part) != 0;
+        // The parts of a message come together.
+        flags = ZMQ_DONTWAIT;
     }
     return received == count ? 0 : EBADMSG;
 }

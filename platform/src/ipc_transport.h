@@ -103,11 +103,11 @@ class Frame {
     zmq_msg_t message_;
 };
 
-// Takes one message of exactly `count` parts, without waiting. One with fewer or more parts is
-// taken and dropped.
-// @return 0; EBADMSG for a message that was dropped; EAGAIN when there is none; another errno
-// value.
-int receive(const Socket& socket, Frame* frames, size_t count);
+// Takes one message of exactly `count` parts; waits for it up to `waitMs` milliseconds. One with
+// fewer or more parts is taken and dropped.
+// @return 0; EBADMSG for a message that was dropped; EAGAIN when there is none, EINTR when a signal
+//         came while waiting; another errno value.
+int receive(const Socket& socket, Frame* frames, size_t count, int waitMs = 0);
 
 // Reads an object with an integer "id".
 // @return what is wrong with the text, or null pointer.
