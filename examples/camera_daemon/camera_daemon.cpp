@@ -14,12 +14,11 @@
 #include <kest/utils/string_utils.h>
 #include <kest/utils/timer.h>
 
+#include "requests.h"
 #include "state_file.h"
-#include "tool_runner.h"
 
 namespace {
 
-const std::string kRunCommand = "run ";
 constexpr unsigned kPatienceMs = 2000;
 
 // What the controller's command "crash" comes to: a write through a pointer that points nowhere.
@@ -58,7 +57,9 @@ CameraDaemon::CameraDaemon(const Options& options)
       controller_(scheduler_, [this](const std::string& text) { onCommand(text); }),
       snapshots_(scheduler_,
                  [this](const char* what, const std::string& path) { onSnapshot(what, path); }),
-      onlyOne_(options.lockName.c_str(), false) {}
+      sound_(scheduler_, options.sound),
+      onlyOne_(options.lockName.c_str(), false),
+      worker_(scheduler_) {}
 
 CameraDaemon::~CameraDaemon() {
     // Taken out one by one: Stop() would warn of each timer and handler that is still there.
@@ -118,7 +119,8 @@ bool CameraDaemon::startServices() {
     if (!kest::utils::SetFdNoSIGPIPE(-1)) return false;
     if (!udp_.start(options_.udpPort)) return failedToListen("UDP", options_.udpPort);
     if (!tcp_.start(options_.tcpPort)) return failedToListen("TCP", options_.tcpPort);
-    if (!input_.start()) return false;
+    statistics_.start();
+    if (!worker_.start() || !input_.start()) return false;
     return options_.controller.uri.empty() || controller_.start(options_.controller);
 }
 
@@ -164,25 +166,33 @@ bool CameraDaemon::addTimer(unsigned initialMs, unsigned periodMs, std::function
     return timers_.back() != 0;
 }
 
-bool CameraDaemon::toolAskedFor(const std::string& text, std::string& answer) {
-    if (!kest::utils::startsWith(text, kRunCommand)) return false;
-    ++counts_.tools;
-    answer = runTool(text.substr(kRunCommand.size()));
+// The reply comes later, on the scheduler's thread: what is asked for may take many seconds, and
+// the loop has others to serve meanwhile. False when the text asks for nothing.
+bool CameraDaemon::perform(const std::string& text, Worker::Done reply) {
+    if (text == "record") {
+        ++counts_.requests;
+        sound_.record(std::move(reply));
+        return true;
+    }
+    Worker::Job work = workFor(text, options_.requests);
+    if (!work) return false;
+    ++(asksForTool(text) ? counts_.tools : counts_.requests);
+    if (!worker_.run(std::move(work), reply)) reply("too much to do");
     return true;
 }
 
 void CameraDaemon::onLine(const std::string& line) {
     ++counts_.lines;
-    printf("line: %s\n", line.c_str());
-    std::string answer;
-    if (toolAskedFor(line, answer)) printf("tool: %s\n", answer.c_str());
+    printf("line: %s\n", printable(line).c_str());
+    perform(line, [](const std::string& result) { printf("answer: %s\n", result.c_str()); });
 }
 
+// Anybody on this machine can send a datagram, from whatever address: tools are all they get.
 void CameraDaemon::onDatagram(const std::string& text, const sockaddr_in& from) {
     ++counts_.datagrams;
     printf("udp %u: %s\n", ntohs(from.sin_port), text.c_str());
-    std::string answer;
-    if (toolAskedFor(text, answer)) udp_.send(answer, from);
+    if (!asksForTool(text)) return;
+    perform(text, [this, from](const std::string& result) { udp_.send(result, from); });
 }
 
 void CameraDaemon::onHangup() {
@@ -198,22 +208,21 @@ void CameraDaemon::onTick() {
         printf("log: %s\n", message.c_str());
     }
     const std::string text = kest::utils::format(
-        "telemetry ticks=%u snapshots=%u uptime=%s", counts_.ticks, counts_.snapshots,
-        timeToString(static_cast<int>(nowMs() / 1000)).c_str());
+        "telemetry ticks=%u snapshots=%u uptime=%s %s", counts_.ticks, counts_.snapshots,
+        timeToString(static_cast<int>(nowMs() / 1000)).c_str(), statistics_.text().c_str());
     if (controller_.send(text)) ++counts_.telemetry;
 }
 
 void CameraDaemon::onCommand(const std::string& text) {
-    printf("controller: %s\n", text.c_str());
+    printf("controller: %s\n", printable(text).c_str());
     if (text == "crash") crashOnPurpose();
-    std::string answer;
-    if (!toolAskedFor(text, answer)) return;
-    ++counts_.commands;
-    controller_.send("answer " + answer);
+    if (perform(text, [this](const std::string& result) { controller_.send("answer " + result); }))
+        ++counts_.commands;
 }
 
 void CameraDaemon::onSnapshot(const char* what, const std::string& path) {
-    ++(strcmp(what, "kept") == 0 ? counts_.snapshots : counts_.dropped);
+    if (strcmp(what, "kept") == 0) ++counts_.snapshots;
+    if (strcmp(what, "dropped") == 0) ++counts_.dropped;
     printf("snapshot: %s %s\n", what, path.c_str());
 }
 
@@ -226,10 +235,10 @@ void CameraDaemon::end() {
 
 void CameraDaemon::printSummary() const {
     printf(
-        "summary: lines=%u datagrams=%u connections=%u echoed=%llu tools=%u ticks=%u oneshots=%u "
-        "hangups=%u ",
+        "summary: lines=%u datagrams=%u connections=%u echoed=%llu tools=%u requests=%u ticks=%u "
+        "oneshots=%u hangups=%u ",
         counts_.lines, counts_.datagrams, counts_.connections, counts_.echoedBytes, counts_.tools,
-        counts_.ticks, counts_.oneShots, counts_.hangups);
+        counts_.requests, counts_.ticks, counts_.oneShots, counts_.hangups);
     printf("controllers=%u telemetry=%u commands=%u snapshots=%u dropped=%u logged=%u\n",
            controller_.connections(), counts_.telemetry, counts_.commands, counts_.snapshots,
            counts_.dropped, counts_.logged);

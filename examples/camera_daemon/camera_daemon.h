@@ -10,24 +10,14 @@
 
 #include "controller_link.h"
 #include "line_input.h"
+#include "options.h"
 #include "snapshot_keeper.h"
+#include "sound_recorder.h"
 #include "system_log.h"
 #include "tcp_echo.h"
+#include "telemetry.h"
 #include "udp_port.h"
-
-struct Options {
-    unsigned short udpPort = 0;  // 0: any that is free
-    unsigned short tcpPort = 0;
-    unsigned tickMs = 1000;
-    unsigned oneShotMs = 500;
-    std::string stateFile;  // empty: remember nothing
-    std::string lockName = "kest_camera_daemon";
-    ControllerLink::Settings controller;  // without a URI: none
-    SnapshotKeeper::Settings snapshots;   // without a folder: none
-    bool systemLog = false;
-    bool crashDumps = false;
-    std::string crashFolder;  // empty: a numbered one below /tmp/crashdumps
-};
+#include "worker.h"
 
 class CameraDaemon {
   public:
@@ -46,6 +36,7 @@ class CameraDaemon {
         unsigned connections = 0;
         unsigned long long echoedBytes = 0;
         unsigned tools = 0;
+        unsigned requests = 0;
         unsigned ticks = 0;
         unsigned oneShots = 0;
         unsigned hangups = 0;
@@ -72,7 +63,7 @@ class CameraDaemon {
     void onCommand(const std::string& text);
     void onSnapshot(const char* what, const std::string& path);
     void end();
-    bool toolAskedFor(const std::string& text, std::string& answer);
+    bool perform(const std::string& text, Worker::Done reply);
     void printSummary() const;
 
     const Options options_;
@@ -87,5 +78,8 @@ class CameraDaemon {
     ControllerLink controller_;
     SnapshotKeeper snapshots_;
     SystemLog systemLog_;
+    Telemetry statistics_;
+    SoundRecorder sound_;
     InterProcessMutex onlyOne_;
+    Worker worker_;  // ends first: as long as it works, no second daemon may start
 };

@@ -1,4 +1,5 @@
-// Watches a folder for new snapshots and keeps the newest of them.
+// Watches a folder for new snapshots and keeps the newest of them, also of those that are there
+// when it starts.
 #pragma once
 
 #include <functional>
@@ -36,11 +37,17 @@ class SnapshotKeeper : private kest::utils::IInodeNotifier {
 
     bool start(const Settings& settings);
 
-    // Drops what has grown too old meanwhile.
+    // Drops what has grown too old meanwhile, and looks whether a folder that was removed is back.
+    // Call it now and then.
     void service();
 
   private:
     void onInodeEvent(const std::string& name, uint32_t mask) override;
+    bool watch();
+    void unwatch();
+    void lookThrough();
+    bool isListed(const std::string& path);
+    void keep(const std::string& path);
 
     kest::utils::Scheduler& scheduler_;
     const OnEvent onEvent_;
