@@ -13,7 +13,8 @@ function(kest_target target)
         -Wall -Wextra -Wshadow -Wconversion -Wold-style-cast
         -fno-omit-frame-pointer
         $<$<BOOL:${KEST_WERROR}>:-Werror>
-        $<$<BOOL:${KEST_ARM32}>:-marm>)
+        # GCC's notes on a change of its ABI before the oldest version that we support.
+        $<$<BOOL:${KEST_ARM32}>:-marm;-Wno-psabi>)
 endfunction()
 
 # A library of ours: hidden symbols, versioned SONAME, no late binding.
@@ -27,6 +28,9 @@ function(kest_library target)
     # 64-bit file sizes on 32-bit targets. Public: struct stat appears in our interfaces.
     target_compile_definitions(${target} PUBLIC _FILE_OFFSET_BITS=64)
     set(map ${PROJECT_SOURCE_DIR}/cmake/std_local.map)
+    # What nobody calls is left out.
+    target_compile_options(${target} PRIVATE -ffunction-sections -fdata-sections)
+    target_link_options(${target} PRIVATE -Wl,--gc-sections)
     target_link_options(${target} PRIVATE -Wl,-z,now -Wl,-z,relro -Wl,--version-script=${map})
     set_target_properties(${target} PROPERTIES LINK_DEPENDS ${map})
 endfunction()
