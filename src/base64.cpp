@@ -14,6 +14,46 @@ namespace {
 
 constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
+// Kinds of characters that are no digits, in the top byte of a table's entry.
+constexpr uint32_t kPadding = 254;
+constexpr uint32_t kNotBase64 = 255;
+constexpr uint32_t kNoDigit = uint32_t{1} << 31;
+
+// A digit's share of the group's three bytes, the first of them lowest.
+constexpr uint32_t share(uint32_t digit, unsigned place) {
+    const uint32_t bits = digit << (18 - 6 * place);
+    return bits >> 16 | (bits & 0xff00) | (bits & 0xff) << 16;
+}
+
+#if defined(__OPTIMIZE_SIZE__)
+
+// One look-up a digit: a third of the speed for a 40th of the tables.
+struct Digits {
+    uint8_t of[256] = {};
+
+    constexpr Digits() {
+        for (uint8_t& digit : of)
+            digit = kNotBase64;
+        for (uint8_t digit = 0; digit < 64; ++digit)
+            of[static_cast<unsigned char>(kAlphabet[digit])] = digit;
+        of[static_cast<unsigned char>('=')] = kPadding;
+    }
+};
+constexpr Digits kDigits;
+
+inline void putPair(unsigned char* out, uint64_t bits) {
+    out[0] = static_cast<unsigned char>(kAlphabet[bits >> 6 & 63]);
+    out[1] = static_cast<unsigned char>(kAlphabet[bits & 63]);
+}
+
+inline uint32_t shareOf(unsigned char character, unsigned place) {
+    const uint32_t digit = kDigits.of[character];
+    if (digit == kNotBase64) return kNotBase64 << 24;
+    return share(digit & 63, place) | (digit == kPadding ? kPadding << 24 : 0);
+}
+
+#else
+
 // The two characters for every 12 bits. Twice as fast as single characters, for 8 KiB.
 struct Pairs {
     char of[4096][2] = {};
@@ -27,13 +67,12 @@ struct Pairs {
 };
 constexpr Pairs kPairs;
 
-// Kinds of characters that are no digits, in the top byte of a table's entry.
-constexpr uint32_t kPadding = 254;
-constexpr uint32_t kNotBase64 = 255;
-constexpr uint32_t kNoDigit = uint32_t{1} << 31;
+inline void putPair(unsigned char* out, uint64_t bits) {
+    memcpy(out, kPairs.of[bits & 4095], 2);
+}
 
-// For each place in a group and each character its share of the group's three bytes, the first of
-// them lowest, so that a group is four look-ups and three ORs.
+// For each place in a group and each character its share, so that a group is four look-ups and
+// three ORs.
 struct Shares {
     uint32_t at[4][256] = {};
 
@@ -47,22 +86,19 @@ struct Shares {
                 kPadding << 24 | share(kPadding & 63, place);
         }
     }
-
-    static constexpr uint32_t share(uint32_t digit, unsigned place) {
-        const uint32_t bits = digit << (18 - 6 * place);
-        return bits >> 16 | (bits & 0xff00) | (bits & 0xff) << 16;
-    }
 };
 constexpr Shares kShares;
+
+inline uint32_t shareOf(unsigned char character, unsigned place) {
+    return kShares.at[place][character];
+}
+
+#endif
 
 inline uint64_t loadBigEndian(const unsigned char* in) {
     uint64_t bits;
     memcpy(&bits, in, sizeof(bits));
     return be64toh(bits);
-}
-
-inline void putPair(unsigned char* out, uint64_t bits) {
-    memcpy(out, kPairs.of[bits & 4095], 2);
 }
 
 // All bytes in full groups. Returns where the output ends.
@@ -93,8 +129,7 @@ void encodeRest(const unsigned char* in, unsigned int rest, unsigned char* out) 
 }
 
 inline uint32_t group(const unsigned char* in) {
-    return kShares.at[0][in[0]] | kShares.at[1][in[1]] | kShares.at[2][in[2]] |
-           kShares.at[3][in[3]];
+    return shareOf(in[0], 0) | shareOf(in[1], 1) | shareOf(in[2], 2) | shareOf(in[3], 3);
 }
 
 // The same with one load of four characters. Turns of both keep loads and shifts equally busy.
@@ -102,8 +137,8 @@ inline uint32_t groupOfWord(const unsigned char* in) {
     uint32_t word;
     memcpy(&word, in, sizeof(word));
     word = le32toh(word);
-    return kShares.at[0][word & 255] | kShares.at[1][word >> 8 & 255] |
-           kShares.at[2][word >> 16 & 255] | kShares.at[3][word >> 24];
+    return shareOf(word & 255, 0) | shareOf(word >> 8 & 255, 1) | shareOf(word >> 16 & 255, 2) |
+           shareOf(static_cast<unsigned char>(word >> 24), 3);
 }
 
 inline void putWord(unsigned char* out, uint32_t word) {
@@ -136,9 +171,9 @@ size_t decodeDigits(const unsigned char* in, size_t groups, unsigned char* out) 
 // One group of any characters. Returns the bytes written, fewer than 3 at the end of the text, or
 // -1.
 int decodeGroup(const unsigned char* in, unsigned char* out) {
-    const uint32_t third = kShares.at[2][in[2]] >> 24;
-    const uint32_t fourth = kShares.at[3][in[3]] >> 24;
-    if (kShares.at[0][in[0]] >> 24 == kNotBase64 || kShares.at[1][in[1]] >> 24 == kNotBase64 ||
+    const uint32_t third = shareOf(in[2], 2) >> 24;
+    const uint32_t fourth = shareOf(in[3], 3) >> 24;
+    if (shareOf(in[0], 0) >> 24 == kNotBase64 || shareOf(in[1], 1) >> 24 == kNotBase64 ||
         third == kNotBase64 || fourth == kNotBase64) {
         return -1;
     }
