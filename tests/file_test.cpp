@@ -19,10 +19,10 @@ void* operator new(size_t size) {
     void* memory = size <= allocationLimit ? std::malloc(size) : nullptr;
     return memory != nullptr ? memory : throw std::bad_alloc();
 }
-void operator delete(void* memory) noexcept {
+[[gnu::noinline]] void operator delete(void* memory) noexcept {
     std::free(memory);
 }
-void operator delete(void* memory, size_t) noexcept {
+[[gnu::noinline]] void operator delete(void* memory, size_t) noexcept {
     std::free(memory);
 }
 

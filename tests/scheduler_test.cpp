@@ -129,7 +129,7 @@ TEST_F(SchedulerTest, CallbackMayTakeAwayWhatThePassStillNames) {
         const auto captured = std::make_shared<int>(0);
         int calls = 0;
         for (const Id own : {1u, 2u}) {
-            add(ready[own], [&, own, captured] {
+            add(ready[static_cast<size_t>(own)], [&, own, captured] {
                 if (calls++ != 0) return;
                 each.act(own, 3 - own);
                 // Memory freed too early would be used again here.
