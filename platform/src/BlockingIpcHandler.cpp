@@ -267,8 +267,8 @@ void BlockingIpcHandler::Impl::poll(int ms) {
 // One step towards the end of a wait.
 void BlockingIpcHandler::Impl::advance(int ms) {
     // Nearly always there is one destination to listen to; then a receive that waits does with a
-    // fraction of the system calls.
-    if (links_.size() == 1 && links_[0].unsent.empty()) {
+    // fraction of the system calls. Without time left, all that is there has to be taken.
+    if (ms > 0 && links_.size() == 1 && links_[0].unsent.empty()) {
         takeAnswer(links_[0], ms);
     } else if (!exchange() && ms > 0) {
         poll(ms);
