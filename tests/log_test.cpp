@@ -33,9 +33,10 @@ TEST(Log, ThresholdAndTargetFromEnvironment) {
     EXPECT_EQ("", run("KEST_LOG=syslog"));
 }
 
-TEST(Log, LongLineIsCutAndEnded) {
+TEST(Log, LineStaysOneLineAndIsCutAndEnded) {
     const std::string output = run("LONG=1");
     EXPECT_LT(output.size(), 4096u);
+    EXPECT_NE(std::string::npos, output.find("main(): \ttwo?lines?xxx"));
     EXPECT_EQ('\n', output.back());
     EXPECT_EQ(output.size() - 1, output.find('\n'));
 }

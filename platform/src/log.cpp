@@ -54,6 +54,14 @@ struct Line {
         grow(vsnprintf(text + length, sizeof(text) - length, format, args));
         va_end(args);
     }
+
+    // Values from outside must not forge a line of their own, nor command a terminal.
+    void keepToOneLine() {
+        for (size_t i = 0; i < length; ++i) {
+            const auto byte = static_cast<unsigned char>(text[i]);
+            if ((byte < ' ' && byte != '\t') || byte == 0x7f) text[i] = '?';
+        }
+    }
 };
 
 // One write for the whole line: lines of several threads and processes do not mix.
@@ -88,6 +96,7 @@ extern "C" void logInternal(const char* module, const char* sourceFile, const ch
     line.grow(vsnprintf(line.text + line.length, sizeof(line.text) - line.length, format, args));
     va_end(args);
     if (errnoValue != 0) line.append(": %s (errno %d)", strerror(errnoValue), errnoValue);
+    line.keepToOneLine();
 
     if (settings.toSyslog) {
         ::syslog(level, "%s", line.text);

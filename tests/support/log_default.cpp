@@ -9,7 +9,7 @@
 int main() {
     if (std::getenv("LONG") != nullptr) {
         logInternal("kest_test", "log_default", "main", 0, 3, 0, 0, "%s",
-                    std::string(10000, 'x').c_str());
+                    ("\ttwo\nlines\x1b" + std::string(10000, 'x')).c_str());
         return 0;
     }
     errno = EBUSY;

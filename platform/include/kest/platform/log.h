@@ -12,7 +12,8 @@ extern "C" {
 ///
 /// The default prints it to standard error, or hands it to syslog(3) when the environment variable
 /// `KEST_LOG` is "syslog". Lines above the threshold `KEST_LOG_LEVEL` (0 to 7, default 6) are
-/// dropped. Thread-safe; keeps `errno`; not for signal handlers.
+/// dropped. Control characters other than tabs come out as "?", so that a line stays one line,
+/// whatever stands in it. Thread-safe; keeps `errno`; not for signal handlers.
 ///
 /// @param module      Tag of the library or daemon, such as "kest_utils".
 /// @param sourceFile  Name of the source file without its extension.
