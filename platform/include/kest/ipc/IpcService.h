@@ -26,6 +26,9 @@ namespace kest::ipc {
 ///
 /// A service runs two threads of ZeroMQ, which take no signals, from init() until its destructor
 /// returns; its descriptors are close-on-exec. In a child made by `fork` it does nothing.
+///
+/// Each asker costs one descriptor while connected. **A process without one left is ended by ZeroMQ
+/// when somebody connects**: docs/ipc.md.
 class KEST_PLATFORM_API IpcService {
   public:
     /// Gets a request and an empty response to fill in. Its result is the status that the asker's
