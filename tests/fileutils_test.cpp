@@ -3,7 +3,6 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -14,6 +13,7 @@
 #include <kest/utils/timer.h>
 
 #include "support/clean_test.h"
+#include "support/limited.h"
 #include "support/log_capture.h"
 #include "support/temp_dir.h"
 
@@ -132,14 +132,10 @@ TEST_F(FileUtilsTest, DepthIsLimitedByNeitherStackNorDescriptors) {
         ASSERT_EQ(0, rename(top.c_str(), (dir / "above/n").c_str()));
         ASSERT_EQ(0, rename((dir / "above").c_str(), top.c_str()));
     }
-    rlimit before = {};
-    getrlimit(RLIMIT_NOFILE, &before);
-    const rlimit few = {20, before.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &few);
+    const Limited few(RLIMIT_NOFILE, 20);
     std::map<std::string, bool> out;
     EXPECT_TRUE(listFolder(top, out, true));
     EXPECT_TRUE(rmRf(top) && !isDir(top));
-    setrlimit(RLIMIT_NOFILE, &before);
     EXPECT_EQ((PATH_MAX - 1 - top.size()) / 2, out.size());
 }
 

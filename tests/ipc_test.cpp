@@ -4,7 +4,6 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/epoll.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -22,6 +21,7 @@
 #include <utility>
 
 #include "support/clean_test.h"
+#include "support/limited.h"
 #include "support/temp_dir.h"
 
 namespace {
@@ -336,14 +336,13 @@ TEST_F(IpcTest, CopiesInAChildDoNothing) {
 
 // libzmq by itself ends the process here.
 TEST_F(IpcTest, WithoutDescriptorsNothingStarts) {
-    rlimit before = {};
-    getrlimit(RLIMIT_NOFILE, &before);
-    rlimit limit = before;
-    int failures = 0;
-    for (limit.rlim_cur = 4; IpcService("peer").init() != 0 || failures == 0; ++limit.rlim_cur)
-        ASSERT_TRUE(++failures < 100 && setrlimit(RLIMIT_NOFILE, &limit) == 0);
-    EXPECT_GT(failures, 10);
-    EXPECT_EQ(0, setrlimit(RLIMIT_NOFILE, &before));
+    rlim_t descriptors = 3;
+    for (int failure = EMFILE; failure != 0;) {
+        ASSERT_LT(++descriptors, 100U);
+        const Limited limited(RLIMIT_NOFILE, descriptors);
+        failure = IpcService("peer").init();
+    }
+    EXPECT_GT(descriptors, 13U);
 }
 
 TEST_F(IpcTest, CommandLineClient) {

@@ -3,7 +3,6 @@
 #include <signal.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
-#include <sys/resource.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -15,6 +14,7 @@
 #include <kest/utils/timer.h>
 
 #include "support/clean_test.h"
+#include "support/limited.h"
 
 namespace {
 
@@ -171,12 +171,10 @@ TEST_F(SchedulerTest, RefusesWhileStoppedAndWithoutDescriptors) {
                scheduler.AddSignalHandler(SIGUSR1, count, nullptr) == 0;
     };
     EXPECT_EQ(1u, add(ready[0], [] {}));
-    rlimit limit = {};
-    getrlimit(RLIMIT_NOFILE, &limit);
-    const rlimit none = {0, limit.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &none);
-    EXPECT_TRUE(!scheduler.Init() && refusesTimers());
-    setrlimit(RLIMIT_NOFILE, &limit);
+    {
+        const kest::test::Limited none(RLIMIT_NOFILE, 0);
+        EXPECT_TRUE(!scheduler.Init() && refusesTimers());
+    }
     EXPECT_TRUE(scheduler.Service() && scheduler.Stop() && scheduler.Stop());
     EXPECT_TRUE(!scheduler.Service() && add(ready[0], [] {}) == 0 && refusesTimers());
     expectLog({"Init 3 24 Failed to create epoll", "AddTimerTask 3 24 Failed to create timer",

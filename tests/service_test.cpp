@@ -1,5 +1,4 @@
 #include <kest/utils/service.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -9,6 +8,7 @@
 
 #include "support/clean_test.h"
 #include "support/isolated.h"
+#include "support/limited.h"
 #include "support/temp_dir.h"
 
 using namespace kest::test;
@@ -89,12 +89,8 @@ TEST_F(ServiceTest, FailuresAreToldAndCostNoTable) {
         const int lowest = dup(0);
         close(lowest);
         for (const auto resource : {RLIMIT_NOFILE, RLIMIT_FSIZE}) {
-            rlimit limit = {};
-            getrlimit(resource, &limit);
-            const rlimit low = {static_cast<rlim_t>(lowest) + 1, limit.rlim_max};
-            setrlimit(resource, &low);
+            const Limited limited(resource, static_cast<rlim_t>(lowest) + 1);
             EXPECT_FALSE(enableDaemon("x"));
-            setrlimit(resource, &limit);
         }
         oneFileSystem = false;
         EXPECT_FALSE(enableDaemon("x"));
