@@ -1,4 +1,4 @@
-#include <algorithm>
+#include <iterator>
 #include <string_view>
 
 #include <kest/utils/stats.h>
@@ -29,8 +29,10 @@ bool readTimes(std::string_view line, CpuTimes& times) {
 }
 
 bool isEmpty(const CpuTimes& times) {
-    return std::all_of(std::begin(kColumns), std::end(kColumns),
-                       [&](auto column) { return times.*column == 0; });
+    uint64_t all = 0;
+    for (const auto column : kColumns)
+        all |= times.*column;
+    return all == 0;
 }
 
 // Takes a reading, and the shares of the time since the one before.
@@ -66,19 +68,15 @@ class Cores {
     CpuLoad* at(int core) {
         if (core <= last_) return nullptr;
         last_ = core;
-        auto place = cores_.begin() + static_cast<std::ptrdiff_t>(used_);
-        const auto end = std::find_if(place, cores_.end(),
-                                      [&](const CpuLoad& load) { return load.core >= core; });
-        place = cores_.erase(place, end);
-        if (place == cores_.end() || place->core != core) {
-            place = cores_.insert(place, CpuLoad());
-            place->core = core;
-        }
-        ++used_;
-        return &*place;
+        const auto isIt = [core](const CpuLoad& load) { return load.core == core; };
+        CpuLoad& load = entryAt(cores_, used_++, isIt);
+        load.core = core;
+        return &load;
     }
 
-    void dropTheRest() { cores_.resize(used_); }
+    void dropTheRest() {
+        cores_.erase(cores_.begin() + static_cast<std::ptrdiff_t>(used_), cores_.end());
+    }
 
   private:
     std::vector<CpuLoad>& cores_;

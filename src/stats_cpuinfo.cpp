@@ -15,13 +15,13 @@ namespace {
 using namespace detail;
 
 struct Design {
-    std::string_view part;
-    const char* name;
+    char part[6];
+    char name[12];
 };
 
 // Part numbers of Arm's own designs, from the description of the main identification register in
 // their technical reference manuals: those that small devices have.
-constexpr std::string_view kArm = "0x41";
+constexpr char kArm[] = "0x41";
 constexpr Design kArmDesigns[] = {
     {"0x926", "ARM926"},     {"0xb36", "ARM1136"},    {"0xb56", "ARM1156"},
     {"0xb76", "ARM1176"},    {"0xc05", "Cortex-A5"},  {"0xc07", "Cortex-A7"},
@@ -47,18 +47,16 @@ std::string machine() {
 // What the lines of the file say, the first one of a kind each time: all cores repeat it, but old
 // ARM kernels set it behind the last one.
 struct Texts {
-    std::string model;
-    std::string features;
-    std::string hardware;
-    std::string implementer;
-    std::string part;
-    unsigned cores = 0;
+    CpuInfo info = {};
+    std::string features = {};
+    std::string implementer = {};
+    std::string part = {};
 
     // The form with the capital is the model on old ARM kernels, the other one starts a core.
     std::string* of(std::string_view key) {
-        if (key == "model name" || key == "Processor") return &model;
+        if (key == "model name" || key == "Processor") return &info.model;
         if (key == "flags" || key == "Features") return &features;
-        if (key == "Hardware") return &hardware;
+        if (key == "Hardware") return &info.hardware;
         if (key == "CPU implementer") return &implementer;
         if (key == "CPU part") return &part;
         return nullptr;
@@ -68,7 +66,7 @@ struct Texts {
 void readLine(std::string_view line, Texts& texts) {
     const size_t colon = std::min(line.find(':'), line.size());
     const std::string_view key = trimmed(line.substr(0, colon));
-    if (key == "processor") ++texts.cores;
+    if (key == "processor") ++texts.info.online;
     std::string* text = texts.of(key);
     if (text == nullptr || !text->empty() || colon == line.size()) return;
     *text = trimmed(line.substr(colon + 1));
@@ -85,13 +83,12 @@ bool GetCpuInfo(CpuInfo& info) {
         readLine(line, texts);
     if (!lines.finish(any, __func__)) return false;
 
-    CpuInfo reading;
+    CpuInfo& reading = texts.info;
     reading.core = coreName(texts.implementer, texts.part);
-    reading.model = !texts.model.empty() ? texts.model : reading.core;
+    if (reading.model.empty()) reading.model = reading.core;
     if (reading.model.empty()) reading.model = machine();
-    reading.hardware = std::move(texts.hardware);
     tokenize(texts.features, reading.features, " ", true);
-    reading.online = std::max(texts.cores, 1U);
+    reading.online = std::max(reading.online, 1U);
     info = std::move(reading);
     return true;
 }

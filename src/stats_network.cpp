@@ -1,6 +1,6 @@
 #include <algorithm>
-#include <optional>
 #include <string_view>
+#include <utility>
 
 #include <kest/utils/stats.h>
 #include <kest/utils/timer.h>
@@ -42,47 +42,35 @@ bool readLine(std::string_view line, std::string_view& name, Reading& reading) {
     return readCounters(line, reading.sent);
 }
 
-std::optional<NetworkRates> rates(const NetworkCounters& before, const NetworkCounters& now,
-                                  double perSecond) {
-    const auto bytes = advance(before.bytes, now.bytes);
-    const auto packets = advance(before.packets, now.packets);
-    const auto errors = advance(before.errors, now.errors);
-    const auto drops = advance(before.drops, now.drops);
-    if (!bytes || !packets || !errors || !drops) return std::nullopt;
-    return NetworkRates{
-        static_cast<double>(*bytes) * perSecond, static_cast<double>(*packets) * perSecond,
-        static_cast<double>(*errors) * perSecond, static_cast<double>(*drops) * perSecond};
+constexpr std::pair<uint64_t NetworkCounters::*, double NetworkRates::*> kFigures[] = {
+    {&NetworkCounters::bytes, &NetworkRates::bytes},
+    {&NetworkCounters::packets, &NetworkRates::packets},
+    {&NetworkCounters::errors, &NetworkRates::errors},
+    {&NetworkCounters::drops, &NetworkRates::drops},
+};
+
+bool rate(const NetworkCounters& before, const NetworkCounters& now, double perSecond,
+          NetworkRates& rates) {
+    for (const auto& [counter, figure] : kFigures) {
+        const auto count = advance(before.*counter, now.*counter);
+        if (!count) return false;
+        rates.*figure = static_cast<double>(*count) * perSecond;
+    }
+    return true;
 }
 
-void measure(NetworkInterface& interface, const Reading& now, double perSecond) {
-    const auto receiveRate = rates(interface.received, now.received, perSecond);
-    const auto sendRate = rates(interface.sent, now.sent, perSecond);
+void measure(NetworkInterface& interface, std::string_view name, const Reading& now,
+             double perSecond) {
+    const bool isNew = interface.name.empty();
+    interface.measured = !isNew &&
+                         rate(interface.received, now.received, perSecond, interface.receiveRate) &&
+                         rate(interface.sent, now.sent, perSecond, interface.sendRate);
     // One counter set back means that all were: the others only happen to have passed their old
     // value already.
-    interface.measured = receiveRate && sendRate;
-    interface.receiveRate = interface.measured ? *receiveRate : NetworkRates();
-    interface.sendRate = interface.measured ? *sendRate : NetworkRates();
+    if (!interface.measured) interface.receiveRate = interface.sendRate = {};
+    if (isNew) interface.name = name;
     interface.received = now.received;
     interface.sent = now.sent;
-}
-
-// Brings the entry at `place` to the interface of that name. The order of the kernel changes only
-// when interfaces come and go.
-void settle(std::vector<NetworkInterface>& interfaces, size_t place, std::string_view name,
-            const Reading& now, double perSecond) {
-    const auto at = interfaces.begin() + static_cast<std::ptrdiff_t>(place);
-    const auto found =
-        std::find_if(at, interfaces.end(), [&](const auto& known) { return known.name == name; });
-    if (found != interfaces.end()) {
-        std::rotate(at, found, found + 1);
-        measure(*at, now, perSecond);
-        return;
-    }
-    NetworkInterface added;
-    added.name = name;
-    added.received = now.received;
-    added.sent = now.sent;
-    interfaces.insert(at, std::move(added));
 }
 
 }  // namespace
@@ -100,11 +88,13 @@ bool GetNetworkStats(NetworkStats& stats) {
         if (!complete) {
             complete = line.find("|bytes") != line.npos;
         } else if (count < kMostInterfaces && readLine(line, name, reading)) {
-            settle(stats.interfaces, count++, name, reading, perSecond);
+            const auto isIt = [&](const NetworkInterface& known) { return known.name == name; };
+            measure(entryAt(stats.interfaces, count++, isIt), name, reading, perSecond);
         }
     }
     if (complete) {
-        stats.interfaces.resize(count);
+        stats.interfaces.erase(stats.interfaces.begin() + static_cast<std::ptrdiff_t>(count),
+                               stats.interfaces.end());
         stats.readNs = now;
     }
     return lines.finish(complete, __func__);

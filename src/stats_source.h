@@ -8,6 +8,8 @@
 #include <cstdint>
 #include <optional>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "unique_fd.h"
 
@@ -61,6 +63,19 @@ bool takeDecimal(std::string_view& text, double& value);
 bool takePrefix(std::string_view& text, std::string_view prefix);
 
 std::string_view trimmed(std::string_view text);
+
+// Brings the entry of the earlier reading that `isWanted` to `place`, where the new reading has it;
+// an empty one when there is none. What is met in vain stays behind, and is dropped in the end. The
+// kernel's order changes only when something comes or goes, so the first look mostly finds it.
+template <typename Entry, typename IsWanted>
+Entry& entryAt(std::vector<Entry>& entries, size_t place, IsWanted isWanted) {
+    size_t found = place;
+    while (found < entries.size() && !isWanted(entries[found]))
+        ++found;
+    if (found == entries.size()) entries.emplace_back();
+    if (found != place) std::swap(entries[found], entries[place]);
+    return entries[place];
+}
 
 // By how much a counter has advanced, wrapped round at 32 or 64 bits or not; nothing when it has
 // gone back. Of the two ways round the shorter one is believed (as RFC 1982 does).
