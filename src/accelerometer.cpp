@@ -1,17 +1,15 @@
 #include <kest/utils/accelerometer.h>
 
-#include <fcntl.h>
-
 #include <array>
 #include <cerrno>
 #include <cmath>
+#include <initializer_list>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include <kest/utils/string_utils.h>
 
-#include "c_path.h"
 #include "log.h"
 #include "sysfs.h"
 #include "unique_fd.h"
@@ -42,112 +40,134 @@ double dot(const Vector& a, const Vector& b) {
     return a[0] * b[0] + a[1] * b[1] + a[2] * b[2];
 }
 
-bool refuse(const std::string& path) {
-    KEST_LOG_AS("init", KEST_ERROR, 0, "Unexpected content of %s", path.c_str());
-    return false;
-}
+// How drivers call what belongs to one axis.
+struct AxisNames {
+    const char* raw;
+    const char* offset;
+    const char* scale;
+};
+constexpr AxisNames kAxes[] = {{"in_accel_x_raw", "in_accel_x_offset", "in_accel_x_scale"},
+                               {"in_accel_y_raw", "in_accel_y_offset", "in_accel_y_scale"},
+                               {"in_accel_z_raw", "in_accel_z_offset", "in_accel_z_scale"}};
 
-Answer readLogged(const char* caller, const std::string& path, int fd, std::string& value) {
-    const Answer answer =
-        fd < 0 ? detail::readAttribute(path, value) : detail::readAttribute(fd, value);
-    if (answer == Answer::Failed || (answer == Answer::No && fd >= 0))
-        KEST_LOG_AS(caller, KEST_ERROR, errno, "Unable to read %s", path.c_str());
-    return answer;
-}
+constexpr char kUnreadable[] = "Unable to read";
+constexpr char kUnexpected[] = "Unexpected content of";
 
-// The first of the paths that exists.
-Answer readFirst(const std::vector<std::string>& paths, std::string& path, std::string& value) {
-    for (const std::string& candidate : paths) {
-        path = candidate;
-        const Answer answer = readLogged("init", path, -1, value);
-        if (answer != Answer::No) return answer;
-    }
-    return Answer::No;
-}
+struct Attribute {
+    const char* name = "";
+    std::string text = {};
+};
 
 }  // namespace
 
-struct Accelerometer::Sensor {
+// Inside an exported class, but nobody else's business.
+struct __attribute__((visibility("hidden"))) Accelerometer::Sensor {
     struct Axis {
-        std::string path;
         detail::UniqueFd raw;
         double offset = 0;
         double scale = 1;
     };
+    explicit Sensor(const std::string& device) : folder(kDevices + ("/" + device + "/")) {}
+
+    std::string folder;
     std::array<Axis, 3> axes;
     std::array<Vector, 3> matrix = {{{1, 0, 0}, {0, 1, 0}, {0, 0, 1}}};
 
-    Answer openAxes(const std::string& folder);
-    bool calibrate(const std::string& folder);
-    bool readMatrix(const std::string& folder);
-    Answer read(Acceleration& acceleration);
+    Answer openAxes();
+    bool calibrate();
+    bool readMatrix();
+    Answer read(Acceleration& acceleration) const;
+
+  private:
+    Answer readFirst(std::initializer_list<const char*> names, Attribute& found) const;
+    bool readNumber(std::initializer_list<const char*> names, double above, double& number) const;
+    bool fail(const char* caller, int error, const char* what, const char* name) const;
 };
 
+// False, for steps to end with.
+bool Accelerometer::Sensor::fail(const char* caller, int error, const char* what,
+                                 const char* name) const {
+    KEST_LOG_AS(caller, KEST_ERROR, error, "%s %s%s", what, folder.c_str(), name);
+    return false;
+}
+
 // Others than accelerometers lack these files, and some have fewer axes.
-Answer Accelerometer::Sensor::openAxes(const std::string& folder) {
-    const char* name = "xyz";
-    for (Axis& axis : axes) {
-        axis.path = folder + "/in_accel_" + *name++ + "_raw";
-        axis.raw.reset(open(axis.path.c_str(), O_RDONLY | detail::kSafeOpen));
-        if (axis.raw.valid()) continue;
-        if (errno == ENOENT || errno == ENODEV || errno == ENXIO) return Answer::No;
-        KEST_LOG_AS("init", KEST_ERROR, errno, "Unable to open %s", axis.path.c_str());
-        return Answer::Failed;
+Answer Accelerometer::Sensor::openAxes() {
+    for (size_t i = 0; i < axes.size(); ++i) {
+        const Answer answer = detail::openAttribute(folder + kAxes[i].raw, axes[i].raw);
+        if (answer == Answer::Yes) continue;
+        if (answer != Answer::No) fail("init", errno, "Unable to open", kAxes[i].raw);
+        return answer;
     }
     return Answer::Yes;
 }
 
-// A driver has one value for each axis or one for all; what is missing leaves the numbers alone.
-bool Accelerometer::Sensor::calibrate(const std::string& folder) {
-    const char* name = "xyz";
-    for (Axis& axis : axes) {
-        const std::string own = folder + "/in_accel_" + *name++;
-        const std::string all = folder + "/in_accel";
-        for (const auto& [suffix, number] :
-             {std::pair{"_offset", &axis.offset}, std::pair{"_scale", &axis.scale}}) {
-            std::string path;
-            std::string text;
-            const Answer answer = readFirst({own + suffix, all + suffix}, path, text);
-            if (answer == Answer::Failed) return false;
-            if (answer == Answer::No) continue;
-            const bool parsed = detail::parseDecimal(text, *number);
-            if (!parsed || !(axis.scale > 0)) return refuse(path);
-        }
+// The first of the attributes that exists.
+Answer Accelerometer::Sensor::readFirst(std::initializer_list<const char*> names,
+                                        Attribute& found) const {
+    Answer answer = Answer::No;
+    for (const char* name : names) {
+        found.name = name;
+        answer = detail::readAttribute(folder + name, found.text);
+        if (answer != Answer::No) break;
+    }
+    if (answer != Answer::Yes && answer != Answer::No) fail("init", errno, kUnreadable, found.name);
+    return answer;
+}
+
+// Where none exists the number stays as it is.
+bool Accelerometer::Sensor::readNumber(std::initializer_list<const char*> names, double above,
+                                       double& number) const {
+    Attribute found;
+    const Answer answer = readFirst(names, found);
+    if (answer != Answer::Yes) return answer == Answer::No;
+    double value = 0;
+    if (!detail::parseDecimal(found.text, value) || value <= above)
+        return fail("init", 0, kUnexpected, found.name);
+    number = value;
+    return true;
+}
+
+// A driver has one value for each axis or one for all.
+bool Accelerometer::Sensor::calibrate() {
+    for (size_t i = 0; i < axes.size(); ++i) {
+        if (!readNumber({kAxes[i].offset, "in_accel_offset"}, -HUGE_VAL, axes[i].offset) ||
+            !readNumber({kAxes[i].scale, "in_accel_scale"}, 0, axes[i].scale))
+            return false;
     }
     return true;
 }
 
 // "1, 0, 0; 0, 1, 0; 0, 0, 1": the rows of what turns the sensor's axes into the camera's.
-bool Accelerometer::Sensor::readMatrix(const std::string& folder) {
-    std::string path;
-    std::string text;
-    const Answer answer = readFirst(
-        {folder + "/in_accel_mount_matrix", folder + "/in_mount_matrix", folder + "/mount_matrix"},
-        path, text);
+bool Accelerometer::Sensor::readMatrix() {
+    Attribute found;
+    const Answer answer =
+        readFirst({"in_accel_mount_matrix", "in_mount_matrix", "mount_matrix"}, found);
     if (answer != Answer::Yes) return answer == Answer::No;
     std::vector<std::string> numbers;
-    tokenize(text, numbers, ",; ", true);
+    tokenize(found.text, numbers, ",; ", true);
     bool valid = numbers.size() == 9;
-    for (size_t i = 0; valid && i < 9; ++i) {
+    for (size_t i = 0; valid && i < 9; ++i)
         valid = detail::parseDecimal(numbers[i], matrix[i / 3][i % 3]);
-    }
-    return valid || refuse(path);
+    return valid || fail("init", 0, kUnexpected, found.name);
 }
 
-Answer Accelerometer::Sensor::read(Acceleration& acceleration) {
+Answer Accelerometer::Sensor::read(Acceleration& acceleration) const {
     Vector sensed = {};
     // Numbers are short enough for the string's own room.
     std::string text;
-    for (size_t i = 0; i < 3; ++i) {
-        Axis& axis = axes[i];
-        const Answer answer = readLogged("read", axis.path, axis.raw.get(), text);
-        if (answer != Answer::Yes) return answer;
+    for (size_t i = 0; i < axes.size(); ++i) {
+        const Answer answer = detail::readAttribute(axes[i].raw.get(), text);
+        if (answer != Answer::Yes) {
+            fail("read", errno, kUnreadable, kAxes[i].raw);
+            return answer;
+        }
         double raw = 0;
         if (!detail::parseDecimal(text, raw)) {
-            KEST_LOG(KEST_ERROR, 0, "Unexpected content of %s", axis.path.c_str());
+            fail("read", 0, kUnexpected, kAxes[i].raw);
             return Answer::Failed;
         }
-        sensed[i] = (raw + axis.offset) * axis.scale;
+        sensed[i] = (raw + axes[i].offset) * axes[i].scale;
     }
     acceleration = {dot(matrix[0], sensed), dot(matrix[1], sensed), dot(matrix[2], sensed)};
     return Answer::Yes;
@@ -163,12 +183,10 @@ bool Accelerometer::init() {
     if (listed == Answer::Failed) KEST_LOG(KEST_ERROR, errno, "Unable to open %s", kDevices);
     if (listed != Answer::Yes) return listed == Answer::No;
     for (const std::string& name : names) {
-        const std::string folder = kDevices + ("/" + name);
-        auto sensor = std::make_unique<Sensor>();
-        const Answer answer = sensor->openAxes(folder);
+        auto sensor = std::make_unique<Sensor>(name);
+        const Answer answer = sensor->openAxes();
         if (answer == Answer::No) continue;
-        if (answer == Answer::Failed || !sensor->calibrate(folder) || !sensor->readMatrix(folder))
-            return false;
+        if (answer != Answer::Yes || !sensor->calibrate() || !sensor->readMatrix()) return false;
         sensor_ = std::move(sensor);
         break;
     }

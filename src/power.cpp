@@ -7,8 +7,6 @@
 #include <utility>
 #include <vector>
 
-#include <kest/utils/string_utils.h>
-
 #include "log.h"
 #include "sysfs.h"
 
@@ -28,22 +26,20 @@ class Supply {
 
     bool failed() const { return failed_; }
 
-    std::string text(const char* attribute) {
-        std::string value;
-        if (failed_) return value;
-        const std::string path = folder_ + attribute;
-        if (detail::readAttribute(path, value) == Answer::Failed)
-            fail(errno, "Unable to read", path);
-        return value;
+    // Valid until the next attribute is asked for.
+    const std::string& text(const char* attribute) {
+        value_.clear();
+        if (!failed_ && detail::readAttribute(folder_ + attribute, value_) == Answer::Failed)
+            fail(errno, "Unable to read", attribute);
+        return value_;
     }
 
     std::optional<int> number(const char* attribute) {
-        const std::string value = text(attribute);
-        if (value.empty()) return {};
+        if (text(attribute).empty()) return {};
         double number = 0;
-        if (detail::parseDecimal(value, number) && number >= INT_MIN && number <= INT_MAX)
+        if (detail::parseDecimal(value_, number) && number >= INT_MIN && number <= INT_MAX)
             return static_cast<int>(number);
-        fail(0, "Unexpected content of", folder_ + attribute);
+        fail(0, "Unexpected content of", attribute);
         return {};
     }
 
@@ -54,13 +50,14 @@ class Supply {
     }
 
   private:
-    void fail(int error, const char* what, const std::string& path) {
+    void fail(int error, const char* what, const char* attribute) {
         failed_ = true;
-        KEST_LOG_AS(caller_, KEST_ERROR, error, "%s %s", what, path.c_str());
+        KEST_LOG_AS(caller_, KEST_ERROR, error, "%s %s%s", what, folder_.c_str(), attribute);
     }
 
     const char* caller_;
     std::string folder_;
+    std::string value_;
     bool failed_ = false;
 };
 
@@ -73,9 +70,16 @@ bool listSupplies(const char* caller, std::vector<std::string>& names) {
 PowerSource externalSource(const std::string& type) {
     if (type == "Mains") return PowerSource::Mains;
     // "USB_PD" and the like; the last is what one maker's USB chargers call themselves.
-    if (startsWith(type, "USB") || type == "BrickID") return PowerSource::Usb;
+    if (type.compare(0, 3, "USB") == 0 || type == "BrickID") return PowerSource::Usb;
     if (type == "Wireless") return PowerSource::Wireless;
     return PowerSource::Unknown;
+}
+
+BatteryStatus statusNamed(const std::string& text) {
+    if (text == "Charging") return BatteryStatus::Charging;
+    if (text == "Discharging") return BatteryStatus::Discharging;
+    if (text == "Not charging") return BatteryStatus::NotCharging;
+    return text == "Full" ? BatteryStatus::Full : BatteryStatus::Unknown;
 }
 
 PowerSource sourceBehind(Supply& supply) {
@@ -84,15 +88,12 @@ PowerSource sourceBehind(Supply& supply) {
         const bool feeds = !supply.isOthers() && supply.number("online").value_or(0) > 0;
         return feeds ? external : PowerSource::Unknown;
     }
-    const bool feeds = supply.isBatteryInPlace() && supply.text("status") != "Charging";
+    if (!supply.isBatteryInPlace()) return PowerSource::Unknown;
+    // One that is charged, or full, or kept from being charged has something else beside it, such
+    // as power over Ethernet.
+    const BatteryStatus status = statusNamed(supply.text("status"));
+    const bool feeds = status == BatteryStatus::Discharging || status == BatteryStatus::Unknown;
     return feeds ? PowerSource::Battery : PowerSource::Unknown;
-}
-
-BatteryStatus statusNamed(const std::string& text) {
-    if (text == "Charging") return BatteryStatus::Charging;
-    if (text == "Discharging") return BatteryStatus::Discharging;
-    if (text == "Not charging") return BatteryStatus::NotCharging;
-    return text == "Full" ? BatteryStatus::Full : BatteryStatus::Unknown;
 }
 
 BatteryHealth healthNamed(const std::string& text) {
@@ -109,6 +110,13 @@ BatteryHealth healthNamed(const std::string& text) {
     }
     return BatteryHealth::Unknown;
 }
+
+constexpr std::pair<const char*, std::optional<int> BatteryInfo::*> kFigures[] = {
+    {"voltage_now", &BatteryInfo::microvolts},
+    {"current_now", &BatteryInfo::microamperes},
+    {"temp", &BatteryInfo::decidegrees},
+    {"time_to_empty_now", &BatteryInfo::secondsToEmpty},
+};
 
 std::optional<int> percentOf(Supply& battery) {
     if (const auto told = battery.number("capacity")) return std::clamp(*told, 0, 100);
@@ -151,10 +159,8 @@ bool GetBatteryInfo(BatteryInfo& info) {
             found.status = statusNamed(battery.text("status"));
             found.health = healthNamed(battery.text("health"));
             found.percent = percentOf(battery);
-            found.microvolts = battery.number("voltage_now");
-            found.microamperes = battery.number("current_now");
-            found.decidegrees = battery.number("temp");
-            found.secondsToEmpty = battery.number("time_to_empty_now");
+            for (const auto& [attribute, figure] : kFigures)
+                found.*figure = battery.number(attribute);
         }
         if (battery.failed()) return false;
         if (found.present) break;

@@ -5,12 +5,12 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <utility>
 
 #include <kest/utils/string_utils.h>
 
 #include "c_path.h"
 #include "unique_dir.h"
-#include "unique_fd.h"
 
 namespace kest::utils::detail {
 namespace {
@@ -20,10 +20,23 @@ constexpr size_t kLongestValue = 1024;
 constexpr size_t kMostDevices = 1024;
 constexpr double kLargestNumber = 1e12;
 
-// A driver has no value at hand, or the device went between two system calls.
 Answer byErrno() {
-    const bool gone = errno == ENOENT || errno == ENODEV || errno == ENXIO || errno == ENODATA;
-    return gone ? Answer::No : Answer::Failed;
+    switch (errno) {
+        case ENOENT:
+        case ENODEV:
+        case ENXIO:
+            return Answer::No;
+        case EAGAIN:
+        case ENODATA:
+            return Answer::NotNow;
+        default:
+            return Answer::Failed;
+    }
+}
+
+// device9 before device10.
+bool comesBefore(const std::string& a, const std::string& b) {
+    return a.size() != b.size() ? a.size() < b.size() : a < b;
 }
 
 bool isDigit(char c) {
@@ -39,17 +52,23 @@ Answer listDevices(const char* folder, const std::string& prefix, std::vector<st
     while (names.size() < kMostDevices) {
         const dirent* entry = readdir(dir.get());
         if (entry == nullptr) break;
-        if (!isDots(*entry) && startsWith(entry->d_name, prefix)) names.emplace_back(entry->d_name);
+        std::string name = entry->d_name;
+        if (isDots(*entry) || !startsWith(name, prefix)) continue;
+        const auto place = std::upper_bound(names.begin(), names.end(), name, comesBefore);
+        names.insert(place, std::move(name));
     }
-    std::sort(names.begin(), names.end(), [](const std::string& a, const std::string& b) {
-        return a.size() != b.size() ? a.size() < b.size() : a < b;
-    });
     return Answer::Yes;
 }
 
+Answer openAttribute(const std::string& path, UniqueFd& fd) {
+    fd.reset(open(cPath(path), O_RDONLY | kSafeOpen));
+    return fd.valid() ? Answer::Yes : byErrno();
+}
+
 Answer readAttribute(const std::string& path, std::string& value) {
-    const UniqueFd fd(open(cPath(path), O_RDONLY | kSafeOpen));
-    return fd.valid() ? readAttribute(fd.get(), value) : byErrno();
+    UniqueFd fd;
+    const Answer answer = openAttribute(path, fd);
+    return answer == Answer::Yes ? readAttribute(fd.get(), value) : answer;
 }
 
 Answer readAttribute(int fd, std::string& value) {
@@ -84,7 +103,7 @@ bool parseDecimal(const std::string& text, double& value) {
         if (fraction) unit *= 10;
         if (number / unit > kLargestNumber) return false;
     }
-    value = (negative ? -number : number) / unit;
+    if (digits) value = (negative ? -number : number) / unit;
     return digits;
 }
 

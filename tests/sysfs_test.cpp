@@ -107,7 +107,8 @@ TEST_F(SysfsTest, PowerSourceIsTheBestThatIsPluggedIn) {
         EXPECT_EQ(PowerSource::Unknown, with("mouse", "type=Battery|scope=Device"));
         EXPECT_EQ(PowerSource::Unknown, with("dock", "type=Mains|scope=Device|online=1"));
         EXPECT_EQ(PowerSource::Unknown, with("gone", "type=Battery|present=0"));
-        EXPECT_EQ(PowerSource::Unknown, with("bat", "type=Battery|status=Charging"));
+        for (const std::string fed : {"Charging", "Full", "Not charging"})
+            EXPECT_EQ(PowerSource::Unknown, with("bat", "type=Battery|status=" + fed)) << fed;
         EXPECT_EQ(PowerSource::Battery, with("bat", "status=Discharging"));
         EXPECT_EQ(PowerSource::Battery, with("ac", "type=Mains|online=0"));
         EXPECT_EQ(PowerSource::Usb, with("usb", "type=USB_PD|online=2"));

@@ -24,7 +24,8 @@ enum class PowerSource {
 };
 
 /// Which of them feeds the camera now. The first in the order above that is plugged in; the battery
-/// only when none is and the battery is not being charged.
+/// only when none is, and when the battery is discharging or does not tell. One that is charged,
+/// full or kept from being charged has another source beside it, which the kernel does not see.
 KEST_API bool GetPowerSource(PowerSource& source);
 
 enum class BatteryStatus { Unknown, Charging, Discharging, NotCharging, Full };
