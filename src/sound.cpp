@@ -131,6 +131,20 @@ bool readOrEmpty(File& file, unsigned int size, Bytes& data) {
     return false;
 }
 
+// One sample after the other; `Product` holds the largest product.
+template <typename Product>
+void scaleEach(unsigned char* samples, size_t count, int volume) {
+    for (; count > 0; --count, samples += sizeof(int16_t)) {
+        int16_t sample = 0;
+        std::memcpy(&sample, samples, sizeof(sample));
+        const Product wanted = Product{sample} * volume / 100;
+        sample = static_cast<int16_t>(std::clamp<Product>(wanted, INT16_MIN, INT16_MAX));
+        std::memcpy(samples, &sample, sizeof(sample));
+    }
+}
+
+#if defined(__SSE2__) || defined(__ARM_NEON)
+
 using Samples = int16_t __attribute__((vector_size(16)));
 using Products = uint16_t __attribute__((vector_size(16)));
 constexpr size_t kSamples = sizeof(Samples) / sizeof(int16_t);
@@ -160,15 +174,14 @@ void scaleAll(unsigned char* samples, size_t count, int16_t percent) {
     std::memcpy(samples, &block, count * sizeof(int16_t));
 }
 
-void invertLoudly(unsigned char* samples, size_t count, int volume) {
-    for (; count > 0; --count, samples += sizeof(int16_t)) {
-        int16_t sample = 0;
-        std::memcpy(&sample, samples, sizeof(sample));
-        const long long wanted = static_cast<long long>(sample) * volume / 100;
-        sample = static_cast<int16_t>(std::clamp(wanted, -32768LL, 32767LL));
-        std::memcpy(samples, &sample, sizeof(sample));
-    }
+#else
+
+// Without lanes of 16 bits, vector code would do all its steps for each sample by itself.
+void scaleAll(unsigned char* samples, size_t count, int16_t percent) {
+    scaleEach<int>(samples, count, percent);
 }
+
+#endif
 
 }  // namespace
 
@@ -257,6 +270,6 @@ void setWavVolume(unsigned char* samples, int length, int volume) {
     if (volume > -100) {
         scaleAll(samples, count, static_cast<int16_t>(volume));
     } else {
-        invertLoudly(samples, count, volume);
+        scaleEach<long long>(samples, count, volume);
     }
 }
