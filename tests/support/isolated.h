@@ -13,10 +13,10 @@
 //             });
 //     }
 //
-// Failures, fatal failures and skips inside become those of the test, with file and line. What the
-// function changes in memory, captured log lines included, stays in the child: look at it inside.
-// It fails the test if the function does not come to its end (exit, signal, time limit). Process 1
-// of the namespace adopts and reaps what it orphans, and takes what is left along when it ends.
+// Failures and skips inside are printed there and become one of the test. What the function changes
+// in memory, captured log lines included, stays in the child: look at it inside. It fails the test
+// if the function does not come to its end (exit, signal). Process 1 of the namespace adopts and
+// reaps what it orphans, and takes what is left along when it ends.
 //
 // Root needs nothing more; other users are made root of a user namespace, in which files that
 // belong to somebody else can be replaced, not changed. Where the kernel allows neither, the test
@@ -48,20 +48,16 @@ class Isolated {
     // The same for a program: a shell script, or any text that starts with "#!".
     Isolated& program(const std::string& path, const std::string& script);
 
-    // Time that the function may take; a minute unless told otherwise.
-    Isolated& limit(unsigned seconds);
-
     // Runs the function. The calling process should have no other threads.
     void run(const std::function<void()>& function) const;
 
   private:
     class Folders;
 
-    [[noreturn]] void runFirst(const std::function<void()>& function, int pipe) const noexcept;
-    [[noreturn]] void runOutside(const std::function<void()>& function, int pipe) const noexcept;
+    [[noreturn]] void runFirst(const std::function<void()>& function) const noexcept;
+    [[noreturn]] void runOutside(const std::function<void()>& function) const noexcept;
 
-    std::vector<std::function<bool(Folders&)>> steps_;
-    unsigned limitSeconds_ = 60;
+    std::vector<std::function<void(Folders&)>> steps_;
 };
 
 }  // namespace kest::test
