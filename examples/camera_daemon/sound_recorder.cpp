@@ -71,9 +71,9 @@ void SoundRecorder::recordBlock() {
     block_.resize(kBlockSamples * kSampleSize);
     const size_t bytes = input_.valid() ? readInput() : makeTone();
     setWavVolume(block_.data(), static_cast<int>(bytes), settings_.volume);
-    if (!file_.WriteBuffer(block_.data(), bytes)) blocksLeft_ = 0;
     samples_ += bytes / kSampleSize;
-    if (blocksLeft_ == 0) end();
+    whole_ = file_.WriteBuffer(block_.data(), bytes);
+    if (!whole_ || blocksLeft_ == 0) end();
 }
 
 // What the input has by now, at most a block; the bytes of whole samples.
@@ -105,18 +105,19 @@ size_t SoundRecorder::makeTone() {
 }
 
 void SoundRecorder::end() {
-    const bool done = complete();
+    std::string result = "recording failed";
+    if (complete()) {
+        const auto samples = static_cast<unsigned long long>(samples_);
+        result = kest::utils::format("recorded %llu samples", samples);
+    }
     stop();
-    std::exchange(onEnd_,
-                  nullptr)(done ? kest::utils::format("recorded %llu samples",
-                                                      static_cast<unsigned long long>(samples_))
-                                : "recording failed");
+    std::exchange(onEnd_, nullptr)(result);
 }
 
 // A reader of the file never sees half of it.
 bool SoundRecorder::complete() {
     const std::string part = settings_.file + ".part";
-    if (samples_ > 0 && finalizeWavHeader(file_) && file_.Flush() &&
+    if (whole_ && samples_ > 0 && finalizeWavHeader(file_) && file_.Flush() &&
         rename(part.c_str(), settings_.file.c_str()) == 0) {
         return true;
     }

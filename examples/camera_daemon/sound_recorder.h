@@ -49,5 +49,6 @@ class SoundRecorder {
     std::vector<unsigned char> half_;   // the first byte of a sample whose second has not come
     uint64_t samples_ = 0;
     unsigned blocksLeft_ = 0;
+    bool whole_ = false;  // nothing of it failed to be written
     unsigned long long timer_ = 0;
 };

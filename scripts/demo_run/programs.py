@@ -56,10 +56,13 @@ class Program:
         self.ended = False
         self.changed = threading.Condition()
         self.repeated = 0
-        # In a session of its own: Ctrl-C is for the demonstration, which ends it in order.
+        # As configured by default, whatever the caller's settings are, and in a session of its own:
+        # Ctrl-C is for the demonstration, which ends it in order.
+        environment = {k: v for k, v in os.environ.items() if not k.startswith("KEST_")}
         self.process = subprocess.Popen(
             command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-            text=True, errors="replace", start_new_session=True)
+            text=True, errors="replace", start_new_session=True,
+            env=environment)
         threading.Thread(target=self._read, daemon=True).start()
 
     def _read(self):

@@ -1,6 +1,7 @@
 """What the stations work with: files, stand-ins at fixed paths, and the programs."""
 
 import os
+import shutil
 from collections import Counter
 
 from private_world import install
@@ -57,6 +58,8 @@ class World:
         os.makedirs(FOLDER)
         os.mkdir(path("crash"))
         os.mkdir(path("snapshots"))
+        # In the copy of /etc: a machine with daemons of its own keeps its store.
+        shutil.rmtree("/etc/kest", ignore_errors=True)
         os.mkdir("/etc/kest", 0o700)
         install("/bin/kest_ipc_cli", os.path.join(self.build, "platform/kest_ipc_cli"))
         install("/usr/bin/reboot", [f"echo called >>{path('rebooted')}"])
