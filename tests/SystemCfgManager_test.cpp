@@ -1,19 +1,14 @@
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <kest/cfg/SystemCfgManager.h>
-#include <signal.h>
 #include <sqlite3.h>
 #include <sys/mount.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <cstdlib>
 #include <filesystem>
-#include <functional>
-#include <string>
 
+#include "support/child.h"
 #include "support/clean_test.h"
 #include "support/isolated.h"
+#include "support/libc.h"
 #include "support/temp_dir.h"
 
 // Steps of SQLite's commit before the process is killed.
@@ -25,8 +20,7 @@ static void step() {
 
 extern "C" int fdatasync(int fd) {
     step();
-    static void* const original = dlsym(RTLD_NEXT, "fdatasync");
-    return reinterpret_cast<int (*)(int)>(original)(fd);
+    return LIBC(fdatasync)(fd);
 }
 
 extern "C" int unlink(const char* path) noexcept {
@@ -66,17 +60,6 @@ bool change(const std::string& key, int value) {
     return store.init() && store.set(key, value, nullptr) && store.close(true, false);
 }
 
-int inChild(const std::function<void()>& function) {
-    int status = -1;
-    const pid_t pid = fork();
-    if (pid == 0) {
-        function();
-        _exit(testing::Test::HasFailure() ? 1 : 0);
-    }
-    waitpid(pid, &status, 0);
-    return status;
-}
-
 TEST_F(SystemCfgManagerTest, KeepsWhatIsCommitted) {
     bool changed = false, missing = false;
     for (const bool commit : {false, true}) {
@@ -99,17 +82,17 @@ TEST_F(SystemCfgManagerTest, KeepsWhatIsCommitted) {
 }
 
 TEST_F(SystemCfgManagerTest, ProcessesTakeTurns) {
-    const pid_t other = fork();
-    for (int i = 0; i < 20; ++i) {
-        SystemCfgManager store;
-        int value = 0;
-        EXPECT_TRUE(store.init() && store.get("count", &value, nullptr));
-        EXPECT_TRUE(store.set("count", value + 1, nullptr) && store.close(true, false));
-    }
-    if (other == 0) _exit(HasFailure() ? 1 : 0);
-    int status = -1;
-    waitpid(other, &status, 0);
-    EXPECT_EQ(0, status);
+    const auto count = [] {
+        for (int i = 0; i < 20; ++i) {
+            SystemCfgManager store;
+            int value = 0;
+            EXPECT_TRUE(store.init() && store.get("count", &value, nullptr));
+            EXPECT_TRUE(store.set("count", value + 1, nullptr) && store.close(true, false));
+        }
+    };
+    Child other(count);
+    count();
+    EXPECT_EQ(0, other.end());
     EXPECT_EQ(40, stored("count"));
 }
 
@@ -126,13 +109,13 @@ TEST_F(SystemCfgManagerTest, KilledAnywhereInACommitKeepsAllOrNothing) {
     int killed = 0, status = -1;
     for (int steps = 0; status != 0; ++steps) {
         const int before = stored("a");
-        status = inChild([&] {
-            SystemCfgManager store;
-            EXPECT_TRUE(store.init() && store.set("a", steps + 1, nullptr));
-            EXPECT_TRUE(store.set("b", steps + 1, nullptr));
-            stepsLeft = steps;
-            EXPECT_TRUE(store.close(true, false));
-        });
+        status = Child([&] {
+                     SystemCfgManager store;
+                     EXPECT_TRUE(store.init() && store.set("a", steps + 1, nullptr));
+                     EXPECT_TRUE(store.set("b", steps + 1, nullptr));
+                     stepsLeft = steps;
+                     EXPECT_TRUE(store.close(true, false));
+                 }).end();
         killed += WIFSIGNALED(status) ? 1 : 0;
         EXPECT_EQ(stored("a"), stored("b")) << "killed at step " << steps;
         EXPECT_THAT(stored("a"), testing::AnyOf(before, steps + 1));
@@ -145,13 +128,13 @@ TEST_F(SystemCfgManagerTest, KilledAnywhereInACommitKeepsAllOrNothing) {
 TEST_F(SystemCfgManagerTest, CopyInAChildLeavesTheTransactionAlone) {
     SystemCfgManager store;
     ASSERT_TRUE(store.init() && store.set("a", 1, nullptr));
-    const int status = inChild([&store] {
+    Child child([&store] {
         EXPECT_FALSE(store.set("a", 2, nullptr) || store.close(true, false));
         store.~SystemCfgManager();
         // Without a look for leaks: the parent's database is left on purpose.
         if (!HasFailure()) raise(SIGUSR1);
     });
-    EXPECT_EQ(SIGUSR1, status);
+    EXPECT_EQ(SIGUSR1, child.end());
     EXPECT_TRUE(store.close(true, false));
     EXPECT_EQ(1, stored("a"));
 }
