@@ -1,22 +1,16 @@
-#include <dlfcn.h>
 #include <fcntl.h>
-#include <gmock/gmock.h>
-#include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <cstdarg>
 #include <ctime>
-#include <map>
 #include <tuple>
 
 #include <kest/utils/exec.h>
 #include <kest/utils/timer.h>
 
 #include "support/clean_test.h"
-#include "support/log_capture.h"
+#include "support/libc.h"
 #include "support/temp_dir.h"
 
 namespace {
@@ -27,26 +21,23 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 
 struct Fault {
+    std::string call;
     int countdown;  // which of the coming calls fails
     int error;      // 0: it gives nothing; -1: the process is killed in it
-};
-std::map<std::string, Fault> faults;
+} fault;
 
 bool faulty(const char* call) {
-    const auto fault = faults.find(call);
-    if (fault == faults.end() || --fault->second.countdown != 0) return false;
-    if (fault->second.error == -1) raise(SIGKILL);
-    errno = fault->second.error;
+    if (fault.call != call || --fault.countdown != 0) return false;
+    if (fault.error == -1) raise(SIGKILL);
+    errno = fault.error;
     return true;
 }
 
 }  // namespace
 
-#define LIBC(name) reinterpret_cast<decltype(&(name))>(dlsym(RTLD_NEXT, #name))
-#define FAULTY(result, name, parameters, arguments) \
-    extern "C" result name parameters {             \
-        static const auto real = LIBC(name);        \
-        return faulty(#name) ? -1 : real arguments; \
+#define FAULTY(result, name, parameters, arguments)       \
+    extern "C" result name parameters {                   \
+        return faulty(#name) ? -1 : LIBC(name) arguments; \
     }
 FAULTY(int, pipe2, (int* pipedes, int flags), (pipedes, flags))
 FAULTY(pid_t, fork, (), ())
@@ -54,19 +45,17 @@ FAULTY(pid_t, waitpid, (pid_t pid, int* stat_loc, int options), (pid, stat_loc, 
 FAULTY(ssize_t, write, (int fd, const void* buf, size_t n), (fd, buf, n))
 
 extern "C" int fcntl64(int fd, int cmd, ...) {
-    static const auto real = LIBC(fcntl64);
     va_list list;
     va_start(list, cmd);
     void* const argument = va_arg(list, void*);
     va_end(list);
-    return cmd == F_SETFL && faulty("fcntl") ? -1 : real(fd, cmd, argument);
+    return cmd == F_SETFL && faulty("fcntl") ? -1 : LIBC(fcntl64)(fd, cmd, argument);
 }
 
 // A pid arrives byte by byte.
 extern "C" ssize_t read(int fd, void* buf, size_t nbytes) {
-    static const auto real = LIBC(read);
-    if (nbytes > sizeof(int)) return real(fd, buf, nbytes);
-    return faulty("read pid") ? (errno == 0 ? 0 : -1) : real(fd, buf, 1);
+    if (nbytes > sizeof(int)) return LIBC(read)(fd, buf, nbytes);
+    return faulty("read pid") ? (errno == 0 ? 0 : -1) : LIBC(read)(fd, buf, 1);
 }
 
 namespace {
@@ -187,21 +176,21 @@ TEST_F(ExecTest, ReaderThatLeftIsAFailureAndNoSigpipe) {
 }
 
 TEST_F(ExecTest, FailingStepOfStartLeavesNothingOpen) {
-    const std::tuple<const char*, Fault, bool, int> cases[] = {
-        {"pipe2", {1, EMFILE}, false, 40}, {"pipe2", {3, EMFILE}, false, 40},
-        {"pipe2", {4, EMFILE}, true, 40},  {"fork", {1, EAGAIN}, true, 40},
-        {"fork", {2, EAGAIN}, true, 60},   {"read pid", {2, EIO}, true, 70},
-        {"read pid", {3, 0}, true, 70},    {"write", {1, -1}, true, 70},
-        {"fcntl", {2, EBADF}, false, 80},  {"fcntl", {3, EBADF}, true, 80},
-        {"waitpid", {1, EINTR}, true, 0},  {"read pid", {2, EINTR}, true, 0}};
+    const std::tuple<Fault, bool, int> cases[] = {
+        {{"pipe2", 1, EMFILE}, false, 40}, {{"pipe2", 3, EMFILE}, false, 40},
+        {{"pipe2", 4, EMFILE}, true, 40},  {{"fork", 1, EAGAIN}, true, 40},
+        {{"fork", 2, EAGAIN}, true, 60},   {{"read pid", 2, EIO}, true, 70},
+        {{"read pid", 3, 0}, true, 70},    {{"write", 1, -1}, true, 70},
+        {{"fcntl", 2, EBADF}, false, 80},  {{"fcntl", 3, EBADF}, true, 80},
+        {{"waitpid", 1, EINTR}, true, 0},  {{"read pid", 2, EINTR}, true, 0}};
     const auto before = openDescriptors();
-    for (const auto& [call, fault, daemon, code] : cases) {
+    for (const auto& [failing, daemon, code] : cases) {
         exec.setExe("/bin/true").setIn("x").setOut(&out).setErr(&out).setDaemon(daemon);
-        faults = {{call, fault}};
+        fault = failing;
         EXPECT_EQ(code == 0, exec.start());
-        faults.clear();
-        EXPECT_EQ(code, exec.code()) << call << fault.countdown;
-        EXPECT_EQ(code != 0, before == openDescriptors()) << call << fault.countdown;
+        fault = {};
+        EXPECT_EQ(code, exec.code()) << failing.call << failing.countdown;
+        EXPECT_EQ(code != 0, before == openDescriptors()) << failing.call << failing.countdown;
         exec.stop();
         EXPECT_THAT(logTexts(), testing::IsEmpty()) << "drained what never ends";
     }
@@ -214,10 +203,10 @@ TEST_F(ExecTest, ProgramGetsItsStreamsAndNothingElse) {
     EXPECT_TRUE(exec.setExe("/bin/ls").setArgs({"/proc/self/fd"}).setOut(fd).start());
     for (const int opened : openDescriptors())
         EXPECT_TRUE(before.count(opened) == 1 || fcntl(opened, F_GETFD) == FD_CLOEXEC) << opened;
-    faults = {{"write", {1, EAGAIN}}};
+    fault = {"write", 1, EAGAIN};
     EXPECT_TRUE(finish());
     exec.stop();
-    EXPECT_GT(0, faults["write"].countdown);
+    EXPECT_GT(0, fault.countdown);
     EXPECT_EQ("0\n1\n2\n3\n", readFile(dir / "out"));  // 3 is the folder being listed
     close(fd);
 }

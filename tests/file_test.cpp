@@ -3,32 +3,13 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <cstdint>
-#include <cstdlib>
-#include <new>
-
+#include "support/allocations.h"
 #include "support/clean_test.h"
-#include "support/log_capture.h"
 #include "support/temp_dir.h"
 
 namespace {
-size_t allocationLimit = SIZE_MAX;  // of one request
-}
 
-void* operator new(size_t size) {
-    void* memory = size <= allocationLimit ? std::malloc(size) : nullptr;
-    return memory != nullptr ? memory : throw std::bad_alloc();
-}
-[[gnu::noinline]] void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-[[gnu::noinline]] void operator delete(void* memory, size_t) noexcept {
-    std::free(memory);
-}
-
-namespace {
-
-using kest::utils::File;
+using kest::test::allocationLimit, kest::utils::File;
 
 class FileTest : public kest::test::CleanTest {
   protected:

@@ -1,20 +1,17 @@
 #include <kest/utils/fileutils.h>
 
-#include <dlfcn.h>
 #include <fcntl.h>
-#include <gmock/gmock.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
-#include <functional>
 #include <sstream>
 
 #include <kest/utils/timer.h>
 
+#include "support/child.h"
 #include "support/clean_test.h"
+#include "support/libc.h"
 #include "support/limited.h"
-#include "support/log_capture.h"
 #include "support/temp_dir.h"
 
 using namespace kest::utils;
@@ -30,15 +27,13 @@ static std::function<void(const std::string& path)> onOpenat;
 extern "C" ssize_t splice(int fdin, loff_t* offin, int fdout, loff_t* offout, size_t len,
                           unsigned flags) {
     if (onSplice && (errno = onSplice(offout != nullptr)) != 0) return -1;
-    static const auto next = reinterpret_cast<decltype(&splice)>(dlsym(RTLD_NEXT, "splice"));
     len = std::min(len, offout != nullptr ? spliceLimit : 3 * spliceLimit);
-    return next(fdin, offin, fdout, offout, len, flags);
+    return LIBC(splice)(fdin, offin, fdout, offout, len, flags);
 }
 
 extern "C" int openat64(int fd, const char* file, int oflag, ...) {
     if (onOpenat) onOpenat(file);
-    static const auto next = reinterpret_cast<decltype(&openat64)>(dlsym(RTLD_NEXT, "openat64"));
-    return next(fd, file, oflag);
+    return LIBC(openat64)(fd, file, oflag);
 }
 
 class FileUtilsTest : public CleanTest {
@@ -220,10 +215,9 @@ TEST_F(FileUtilsTest, TouchFileSetsTheTimeAndGlobFindsInOrder) {
 
 TEST_F(FileUtilsTest, WaitForFilesNamesWhatIsMissing) {
     const std::string late = dir / "late", never = dir / "never";
-    const pid_t maker = fork();
-    if (maker == 0) _exit(sleepMs(50) == 0 && touchFile(late, true) ? 0 : 1);
+    Child maker([&] { EXPECT_TRUE(sleepMs(50) == 0 && touchFile(late, true)); });
     EXPECT_TRUE(waitForFiles({late, dir / "d"}, 60000) && waitForFiles({late}, 0));
-    EXPECT_EQ(maker, waitpid(maker, nullptr, 0));
+    EXPECT_EQ(0, maker.end());
     const int64_t before = nowMs();
     EXPECT_FALSE(waitForFiles({never, late, dir / "a"}, 20) || waitForFiles({late}, -1));
     EXPECT_GE(nowMs(), before + 20);

@@ -1,12 +1,10 @@
 #include <kest/utils/scheduler.h>
 
-#include <signal.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/time.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <thread>
 

@@ -5,31 +5,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <cstdlib>
-#include <functional>
-#include <new>
 #include <thread>
 
 #include <kest/utils/string_utils.h>
 
+#include "support/allocations.h"
 #include "support/clean_test.h"
 #include "support/isolated.h"
 #include "support/temp_dir.h"
-
-static std::atomic<unsigned> allocations{0};
-
-void* operator new(size_t size) {
-    ++allocations;
-    void* memory = std::malloc(size);
-    return memory != nullptr ? memory : throw std::bad_alloc();
-}
-[[gnu::noinline]] void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-[[gnu::noinline]] void operator delete(void* memory, size_t) noexcept {
-    std::free(memory);
-}
 
 namespace {
 
