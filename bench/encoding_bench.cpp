@@ -6,8 +6,6 @@
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <iomanip>
 #include <random>
@@ -17,15 +15,11 @@
 
 #include <kest/utils/hash.h>
 
+#include "require.h"
+
 namespace {
 
 using Bytes = std::vector<unsigned char>;
-
-void require(bool fine, const char* what) {
-    if (fine) return;
-    std::fprintf(stderr, "%s\n", what);
-    std::exit(1);
-}
 
 Bytes randomData(size_t size) {
     std::mt19937 random(1);

@@ -16,18 +16,14 @@
 
 #include <kest/utils/file.h>
 
+#include "require.h"
+
 namespace {
 
 using kest::utils::ByteOrder;
 using kest::utils::File;
 
 constexpr unsigned int kValues = 16384;  // in the file of a typed case
-
-void require(bool fine, char const* what) {
-    if (fine) return;
-    std::perror(what);
-    std::exit(1);
-}
 
 // A file of the case's size, or of room for the typed values; gone with its object.
 class Sample {

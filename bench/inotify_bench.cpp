@@ -11,7 +11,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -20,15 +19,11 @@
 
 #include <kest/utils/inode_listener.h>
 
+#include "require.h"
+
 namespace {
 
 namespace fs = std::filesystem;
-
-void require(bool fine, const char* what) {
-    if (fine) return;
-    std::perror(what);
-    std::exit(1);
-}
 
 // A folder with files to touch, removed with its object.
 class Folder {

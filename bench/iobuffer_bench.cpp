@@ -9,8 +9,6 @@
 #include <algorithm>
 #include <asio/buffer.hpp>
 #include <asio/streambuf.hpp>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <random>
 #include <string>
@@ -18,16 +16,12 @@
 
 #include <kest/utils/iobuffer.h>
 
+#include "require.h"
+
 namespace {
 
 constexpr size_t kGrowth = 256U << 20;
 constexpr size_t kFramedBytes = 1U << 20;
-
-void require(bool condition, const char* what) {
-    if (condition) return;
-    perror(what);
-    exit(1);
-}
 
 // Every contestant appends, shows its first bytes in one piece, consumes, and moves its bytes
 // through a descriptor, each in the way that its library means to be used.

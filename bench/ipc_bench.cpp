@@ -11,13 +11,14 @@
 #include <zmq.h>
 
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
 
 #include <kest/ipc/BlockingIpcHandler.h>
 #include <kest/ipc/IpcService.h>
+
+#include "require.h"
 
 namespace {
 
@@ -27,12 +28,6 @@ using kest::ipc::IpcService;
 using kest::variant::Variant;
 
 constexpr int kTimeoutMs = 10000;
-
-void require(bool fine, const char* what) {
-    if (fine) return;
-    std::perror(what);
-    std::exit(1);
-}
 
 // What a request for the validation of a token looks like.
 Variant request(uint64_t id, long payload) {

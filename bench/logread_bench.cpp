@@ -7,23 +7,17 @@
 #include <sys/shm.h>
 
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 
 #include <kest/utils/logread.h>
 
+#include "require.h"
+
 namespace {
 
 constexpr key_t kKey = 0x414E4547;
 constexpr uint32_t kArea = 1 << 20;
-
-void require(bool fine, const char* what) {
-    if (fine) return;
-    std::perror(what);
-    std::exit(1);
-}
 
 // A ring full of messages of one length, in an ipc namespace where the machine's own is not.
 class Ring {

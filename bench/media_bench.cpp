@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <cmath>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -20,6 +19,8 @@
 #include <kest/utils/color.h>
 #include <kest/utils/sound.h>
 
+#include "require.h"
+
 namespace {
 
 using kest::utils::File;
@@ -27,12 +28,6 @@ using kest::utils::color::diff_ciede2000;
 using kest::utils::color::Lab;
 using kest::utils::color::YUV;
 using Bytes = std::vector<unsigned char>;
-
-void require(bool fine, char const* what) {
-    if (fine) return;
-    std::fprintf(stderr, "%s\n", what);
-    std::exit(1);
-}
 
 constexpr double kPi = 3.141592653589793;
 

@@ -6,7 +6,6 @@
 #include <spawn.h>
 #include <sys/wait.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -14,6 +13,8 @@
 #include <string>
 
 #include <kest/utils/fileutils.h>
+
+#include "require.h"
 
 extern char** environ;
 
@@ -23,12 +24,6 @@ namespace fs = std::filesystem;
 using Listing = std::map<std::string, bool>;
 
 constexpr int kFilesPerFolder = 100;
-
-void require(bool fine, const char* what) {
-    if (fine) return;
-    std::perror(what);
-    std::exit(1);
-}
 
 // A folder that is removed with its object.
 class Folder {

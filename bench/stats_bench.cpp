@@ -12,22 +12,16 @@
 #include <libproc2/stat.h>
 #include <unistd.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 
 #include <kest/utils/stats.h>
 
+#include "require.h"
+
 namespace {
 
 using namespace kest::utils;
-
-void require(bool fine, const char* what) {
-    if (fine) return;
-    std::perror(what);
-    std::exit(1);
-}
 
 struct Ours {
     Ours() { require(InitializeStatsLib(), "InitializeStatsLib"); }

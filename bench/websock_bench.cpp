@@ -18,16 +18,12 @@
 #include <kest/utils/scheduler.h>
 #include <kest/variant/uri.h>
 
+#include "require.h"
+
 namespace {
 
 constexpr size_t kLargest = 65536;
 constexpr size_t kBatchBytes = 8 * kLargest;
-
-void require(bool ok, const char* what) {
-    if (ok) return;
-    std::perror(what);
-    std::abort();
-}
 
 lws_context_creation_info contextInfo(const lws_protocols* protocols, void* user) {
     lws_set_log_level(LLL_ERR, nullptr);
