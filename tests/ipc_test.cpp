@@ -307,11 +307,12 @@ TEST_F(IpcTest, CommandLineClient) {
     EXPECT_EQ(0, run("-z -T=peer -t=20000 '-m={}' -r=0"));
     EXPECT_EQ(1, run("-z -T=nobody -t=10 '-m={}' -r=0"));
     EXPECT_EQ("kest_ipc_cli: nobody: Connection timed out\n", readFile(out));
-    for (const char* options :
-         {"", "-z -T=peer -t=10", "-T=peer -t=-1 -m={}", "-T=peer -t=1 -m=[]", "-T= -t=1 -m={}",
-          "-T=peer -t=1 -m={} -r=2", "-T=peer -t=1 -m={} x"}) {
+    for (const char* options : {"", "-z -T=peer -t=10", "-T=peer -t=-1 -m={}",
+                                "-T=peer -t=1 -m=secret", "-T=peer -t=1 -m=[]", "-T= -t=1 -m={}",
+                                "-T=peer -t=1 -m={} -r=2", "-T=peer -t=1 -m={} x"}) {
         EXPECT_EQ(2, run(options)) << options;
         EXPECT_EQ(readFile(out).size() - 1, readFile(out).find('\n')) << "one line";
+        EXPECT_EQ(std::string::npos, readFile(out).find("secret"));
     }
 }
 

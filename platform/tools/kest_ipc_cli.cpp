@@ -23,6 +23,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr int kFailed = 1;
 constexpr int kBadUse = 2;
+constexpr size_t kLongestShown = 32;
 
 struct Options {
     std::string destination;
@@ -65,7 +66,9 @@ bool parseOption(std::string_view argument, Options& options) {
 bool parse(int argc, char** argv, Options& options) {
     for (int i = 1; i < argc; ++i) {
         if (!parseOption(argv[i], options)) {
-            fprintf(stderr, "kest_ipc_cli: bad option: %.200s\n", argv[i]);
+            // Without its value: that may be a message with a secret in it.
+            const size_t length = std::min<size_t>(strcspn(argv[i], "="), kLongestShown);
+            fprintf(stderr, "kest_ipc_cli: bad option: %.*s\n", static_cast<int>(length), argv[i]);
             return false;
         }
     }
