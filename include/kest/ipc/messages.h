@@ -37,6 +37,7 @@ class KEST_API BaseMessage : public variant::BaseVariantContainer {
     std::string functionName();
     bool queueIfDestUnavailable();
 
+    /// Store a value under the key of that name.
     void timeStamp(timeval time);
     void from(std::string endpoint);
     void to(std::string endpoint);
@@ -58,6 +59,7 @@ class KEST_API BaseRequestMessage : public BaseMessage {
   public:
     using BaseMessage::BaseMessage;
 
+    /// Getters that repair, as BaseMessage describes.
     bool responseExpected();
     int64_t transactionId();
     bool isBroadcast();

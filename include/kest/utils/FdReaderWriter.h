@@ -31,6 +31,7 @@ class KEST_API IReader {
     /// What is being read, for log lines.
     virtual std::string info() const = 0;
 
+    /// One to eight bytes as an integer.
     virtual bool ReadI8(signed char* value) = 0;
     virtual bool ReadI16(short* value, bool bigEndian) = 0;
     /// Three bytes. Sign-extended from bit 23 when little-endian, **not** when big-endian: FF FF FF
@@ -61,6 +62,7 @@ class KEST_API IWriter {
     /// What is being written to, for log lines.
     virtual std::string info() const = 0;
 
+    /// An integer as one to eight bytes.
     virtual bool WriteI8(signed char value) = 0;
     virtual bool WriteI16(short value, bool bigEndian) = 0;
     /// The low 24 bits, in three bytes.
@@ -102,6 +104,7 @@ class KEST_API IReaderWriter : public virtual IReader, public virtual IWriter {
 /// Nothing is buffered here: each operation is at least one call of a hook.
 class KEST_API FdReaderWriter : public virtual IReaderWriter {
   public:
+    /// Hooks in place of `read`, `write` and `fsync`; see setReadFunc().
     using ReadFunc = std::function<int(int fd, void* buffer, unsigned int length)>;
     using WriteFunc = std::function<int(int fd, void const* buffer, unsigned int length)>;
     using SyncFunc = std::function<int(int fd)>;

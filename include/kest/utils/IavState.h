@@ -34,6 +34,7 @@ class KEST_API IavState {
     /// @param fd  the driver's descriptor; stays the caller's.
     /// @return false after one log line when the driver cannot be asked, whatever the mask.
     static bool isState(int fd, int mask);
+    /// The same with the descriptor of init().
     bool isState(int mask) const;
 
     /// Reserved: always true, without asking the driver; `flip` and `mirror` stay as they are.

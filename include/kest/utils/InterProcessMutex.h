@@ -35,6 +35,7 @@ class KEST_API InterProcessMutex {
     ///         closing fails, both with `errno`.
     int release();
 
+    /// Whether this object holds the lock.
     bool isAcquired() const;
 
   private:

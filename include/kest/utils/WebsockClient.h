@@ -90,6 +90,7 @@ class KEST_API Connection {
 /// The scheduler must outlive the client, and must not be stopped or initialised anew under it.
 class KEST_API WebsockClient {
   public:
+    /// Forms of the callbacks. The connection stays the client's.
     using ConnectionCallback = std::function<void(Connection&)>;
     using MessageCallback =
         std::function<void(Connection&, const unsigned char* data, unsigned int length)>;
@@ -142,10 +143,12 @@ class KEST_API WebsockClient {
 
     // Callbacks; each replaces the one before.
 
+    /// The handshake is done: messages may be sent.
     void onConnect(ConnectionCallback callback);
     /// A long message comes in parts of up to 4096 bytes, see Connection::isLastPart(). Text and
     /// binary messages come alike; whether a text is UTF-8 is not looked at.
     void onMessage(MessageCallback callback);
+    /// The end of a connection that was established, or of an attempt; `reason` is for the log.
     void onClose(ReasonCallback callback);
     void onError(ReasonCallback callback);
     /// Kept for libraries that report pings; the one underneath answers them without a word.

@@ -14,9 +14,9 @@ namespace kest::utils {
 /// Acceleration in m/s^2 along the camera's axes: x to the right and y to the top of an upright
 /// camera seen from behind, z out of its back, against the view. At rest it points up, 9.81 long.
 struct Acceleration {
-    double x = 0;
-    double y = 0;
-    double z = 0;
+    double x = 0;  ///< to the right
+    double y = 0;  ///< to the top
+    double z = 0;  ///< out of the back
 };
 
 /// What of the camera is up.

@@ -20,32 +20,32 @@ namespace kest::utils::color {
 /// Full-range luma and chroma, chroma centred on 128. Values outside of 0 to 255 are computed with
 /// like any other.
 struct YUV {
-    int16_t y;
-    int16_t u;
-    int16_t v;
+    int16_t y;  ///< luma
+    int16_t u;  ///< chroma, blue less luma
+    int16_t v;  ///< chroma, red less luma
 };
 
 /// sRGB components (IEC 61966-2-1), 0 to 255.
 struct RGB {
-    uint8_t r;
-    uint8_t g;
-    uint8_t b;
+    uint8_t r;  ///< red
+    uint8_t g;  ///< green
+    uint8_t b;  ///< blue
 };
 
 /// Tristimulus values of the CIE 1931 standard observer (2 degrees), scaled so that white has
 /// y = 100.
 struct XYZ {
-    double x;
-    double y;
-    double z;
+    double x;  ///< X
+    double y;  ///< Y: luminance
+    double z;  ///< Z
 };
 
 /// CIE 1976 L*a*b*: lightness from 0 (black) to 100 (white), and the axes from green to red and
 /// from blue to yellow.
 struct Lab {
-    double L;
-    double a;
-    double b;
+    double L;  ///< lightness
+    double a;  ///< green (negative) to red
+    double b;  ///< blue (negative) to yellow
 };
 
 /// The colour of a pixel; components are cut to integers, then limited to 0 to 255. The factors
@@ -69,9 +69,11 @@ KEST_API Lab XYZ_to_Lab(const XYZ& color);
 template <typename Color>
 double diff_ciede2000(const Color& first, const Color& second) = delete;
 
+/// Of two L*a*b* colours.
 template <>
 KEST_API double diff_ciede2000<Lab>(const Lab& first, const Lab& second);
 
+/// Of two pixels.
 template <>
 KEST_API double diff_ciede2000<YUV>(const YUV& first, const YUV& second);
 

@@ -44,7 +44,7 @@ KEST_API bool InstallCrashDumpStack();
 KEST_API void DumpStackWrapper(int signo, siginfo_t* info, void* context);
 
 /// State of the crash handler, all of it prepared by InstallCrashDumpHandler(), since the handler
-/// itself allocates nothing. There is one object, ::gCrashDumper.
+/// itself allocates nothing. There is one object, gCrashDumper.
 class KEST_API CrashDumpHandler {
   public:
     constexpr CrashDumpHandler() = default;
@@ -97,6 +97,7 @@ class KEST_API CrashDumpHandler {
     unsigned reports_ = 0;
 };
 
+/// The one crash handler of the process.
 extern KEST_API CrashDumpHandler gCrashDumper;
 
 }  // namespace kest::utils

@@ -68,6 +68,7 @@ class KEST_API File : public FdReaderWriter {
     /// Closes the file, if any; path and cached size are forgotten.
     void Close();
 
+    /// Whether there is a descriptor.
     bool IsOpen() const;
 
     /// The path given to Initialize(); empty after Close().
@@ -80,6 +81,7 @@ class KEST_API File : public FdReaderWriter {
     /// Distance of the cursor from the start; 0 on failure (logged), for a FIFO also.
     unsigned long long Cursor() const;
 
+    /// Moves the cursor to the start or the end.
     bool SeekBegin();
     bool SeekEnd();
 

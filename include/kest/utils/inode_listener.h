@@ -48,11 +48,12 @@ class KEST_API InodeListener {
         WatchObject& operator=(const WatchObject&) = delete;
         ~WatchObject() { reset(); }
 
+        /// Frees the pattern.
         void reset();
 
-        int descriptor = -1;
-        regex_t pattern = {};
-        bool compiled = false;
+        int descriptor = -1;    ///< of the watch; -1 for none
+        regex_t pattern = {};   ///< for names, when `compiled`
+        bool compiled = false;  ///< whether there is a pattern to free
     };
 
     InodeListener() = default;

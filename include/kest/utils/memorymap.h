@@ -21,9 +21,9 @@ struct MemoryMapEntry {
     size_t end;           ///< First address past the range.
     char permissions[8];  ///< Such as "r-xp".
     size_t offset;        ///< Of the range in its file, in bytes.
-    size_t deviceMajor;
-    size_t deviceMinor;
-    size_t inode;
+    size_t deviceMajor;   ///< Of the file's device.
+    size_t deviceMinor;   ///< Of the file's device.
+    size_t inode;         ///< Of the file; 0 without one.
     char path[4096];      ///< First word of the path column, cut to fit; empty when there is none.
     uint32_t pathLength;  ///< `strlen` of `path`.
 };

@@ -15,6 +15,7 @@
 
 namespace kest::utils {
 
+/// What can feed a camera.
 enum class PowerSource {
     Unknown,   ///< the machine does not tell; the rule with power over Ethernet
     Mains,     ///< a mains adapter
@@ -28,15 +29,17 @@ enum class PowerSource {
 /// full or kept from being charged has another source beside it, which the kernel does not see.
 KEST_API bool GetPowerSource(PowerSource& source);
 
+/// What the driver says of charging.
 enum class BatteryStatus { Unknown, Charging, Discharging, NotCharging, Full };
+/// What the driver says of the battery's condition.
 enum class BatteryHealth { Unknown, Good, Overheat, Cold, Dead, OverVoltage, Failure };
 
 /// A battery. Each figure is missing when the driver does not tell it.
 struct BatteryInfo {
     bool present = false;  ///< false: the machine has no battery, and nothing else is set
     std::string name;      ///< its folder under "/sys/class/power_supply"
-    BatteryStatus status = BatteryStatus::Unknown;
-    BatteryHealth health = BatteryHealth::Unknown;
+    BatteryStatus status = BatteryStatus::Unknown;  ///< charging or not
+    BatteryHealth health = BatteryHealth::Unknown;  ///< condition
     std::optional<int> percent;         ///< 0 to 100; by charge or energy if the driver has no own
     std::optional<int> microvolts;      ///< voltage now
     std::optional<int> microamperes;    ///< current now; by most drivers negative when discharging

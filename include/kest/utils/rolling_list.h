@@ -27,6 +27,7 @@ class KEST_API RollingListItemFile : public IRollingListItem {
     RollingListItemFile(const std::string& path, bool deleteOnDestroy);
     /// @param timestamp  milliseconds on the scale of nowMs().
     RollingListItemFile(const std::string& path, uint64_t timestamp, bool deleteOnDestroy);
+
     RollingListItemFile(const RollingListItemFile&) = delete;
     RollingListItemFile& operator=(const RollingListItemFile&) = delete;
 
@@ -34,6 +35,7 @@ class KEST_API RollingListItemFile : public IRollingListItem {
     ~RollingListItemFile() override;
 
     uint64_t age() const override;
+    /// As it was given.
     const std::string& path() const { return path_; }
 
   private:
@@ -71,6 +73,7 @@ class KEST_API RollingList {
     /// @return true.
     virtual bool service();
 
+    /// Number of items.
     virtual int count() const;
 
     /// The items, oldest first. Add and remove through the members of this class only.

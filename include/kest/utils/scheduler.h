@@ -50,6 +50,7 @@ class PassReclaimer;
 /// Each failure writes one log line, as named with each function.
 class KEST_API Scheduler {
   public:
+    /// Forms of the callbacks; `events` is what the kernel reported, `id` the timer's.
     using IoCallback = std::function<bool(int fd, int events, void* arg)>;
     using TimerCallback = std::function<bool(unsigned long long id, void* arg)>;
 

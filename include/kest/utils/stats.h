@@ -41,14 +41,14 @@ KEST_API bool InitializeStatsLib();
 /// `sysconf(_SC_CLK_TCK)`, as proc(5) describes them; guests count as user and nice. What the
 /// kernel does not tell is 0.
 struct CpuTimes {
-    uint64_t user = 0;
-    uint64_t nice = 0;
-    uint64_t system = 0;
-    uint64_t idle = 0;
-    uint64_t iowait = 0;
-    uint64_t irq = 0;
-    uint64_t softirq = 0;
-    uint64_t steal = 0;
+    uint64_t user = 0;     ///< Programs.
+    uint64_t nice = 0;     ///< Programs of lowered priority.
+    uint64_t system = 0;   ///< The kernel.
+    uint64_t idle = 0;     ///< Nothing to do.
+    uint64_t iowait = 0;   ///< Nothing to do, with input or output under way.
+    uint64_t irq = 0;      ///< Interrupts.
+    uint64_t softirq = 0;  ///< What interrupts have put off.
+    uint64_t steal = 0;    ///< Taken by other virtual machines.
 };
 
 /// One core or all together. Shares are percent of the time between two readings, 0 to 100.
@@ -63,8 +63,9 @@ struct CpuLoad {
     double iowait = 0;      ///< Idle, with input or output under way.
 };
 
+/// What GetCpuStats() fills in.
 struct CpuStats {
-    CpuLoad total;
+    CpuLoad total;               ///< All cores together.
     std::vector<CpuLoad> cores;  ///< Those that are online, by ascending number.
 };
 
@@ -87,8 +88,8 @@ struct MemoryStats {
     uint64_t cached = 0;       ///< Cache of files, `shared` included.
     uint64_t shared = 0;       ///< Shared memory and tmpfs.
     uint64_t reclaimable = 0;  ///< Caches inside the kernel that it can give back.
-    uint64_t swapTotal = 0;
-    uint64_t swapFree = 0;
+    uint64_t swapTotal = 0;    ///< Swap space.
+    uint64_t swapFree = 0;     ///< Of it unused.
 };
 
 /// Reads /proc/meminfo. What it does not tell is 0, but for `available`, which kernels before 3.14
@@ -98,29 +99,31 @@ KEST_API bool GetMemoryStats(MemoryStats& stats);
 
 /// One direction of an interface since it came up, as the driver counts; it may wrap at 32 bits.
 struct NetworkCounters {
-    uint64_t bytes = 0;
-    uint64_t packets = 0;
-    uint64_t errors = 0;
-    uint64_t drops = 0;
+    uint64_t bytes = 0;    ///< With the headers of the link layer.
+    uint64_t packets = 0;  ///< Whole packets.
+    uint64_t errors = 0;   ///< Packets that were broken.
+    uint64_t drops = 0;    ///< Packets for which there was no room.
 };
 
 /// The same per second, between two readings.
 struct NetworkRates {
-    double bytes = 0;
-    double packets = 0;
-    double errors = 0;
-    double drops = 0;
+    double bytes = 0;    ///< As NetworkCounters::bytes.
+    double packets = 0;  ///< As NetworkCounters::packets.
+    double errors = 0;   ///< As NetworkCounters::errors.
+    double drops = 0;    ///< As NetworkCounters::drops.
 };
 
+/// One interface.
 struct NetworkInterface {
-    std::string name;
-    bool measured = false;  ///< Whether the rates hold: two readings have seen this interface.
-    NetworkCounters received;
-    NetworkCounters sent;
-    NetworkRates receiveRate;
-    NetworkRates sendRate;
+    std::string name;          ///< Such as "eth0".
+    bool measured = false;     ///< Whether the rates hold: two readings have seen this interface.
+    NetworkCounters received;  ///< This reading.
+    NetworkCounters sent;      ///< This reading.
+    NetworkRates receiveRate;  ///< Since the reading before.
+    NetworkRates sendRate;     ///< Since the reading before.
 };
 
+/// What GetNetworkStats() fills in.
 struct NetworkStats {
     std::vector<NetworkInterface> interfaces;  ///< Those that exist, in the kernel's order.
     int64_t readNs = 0;  ///< Moment of this reading on the scale of nowNs(); 0 for none.
@@ -137,6 +140,7 @@ struct NetworkStats {
 ///         the reading broke off in the middle: the interfaces behind are missing.
 KEST_API bool GetNetworkStats(NetworkStats& stats);
 
+/// What GetSystemStats() fills in.
 struct SystemStats {
     double load1 = 0;        ///< Mean number of tasks that ran or waited for a disk: 1 minute,
     double load5 = 0;        ///< 5 minutes

@@ -21,6 +21,7 @@ namespace kest::variant {
 /// | "fullDocumentPath"     | string: path and query, at least "/"                             |
 class KEST_PLATFORM_API URI : public BaseVariantContainer {
   public:
+    /// A new one is empty; one made of a value takes that over as it is.
     using BaseVariantContainer::BaseVariantContainer;
 
     /// Takes `scheme://[user[:password]@]host[:port][/path][?query][#fragment]` apart (RFC 3986).

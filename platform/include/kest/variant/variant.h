@@ -36,6 +36,7 @@ enum class JsonStyle {
 /// What Variant::FromJson() accepts at most, so that a hostile document exhausts neither memory nor
 /// stack.
 struct JsonLimits {
+    /// No limit may be deeper: reading and writing recurse.
     static constexpr unsigned kMaxDepth = 256;
 
     size_t bytes = size_t{1} << 20;  ///< Length of the text.
@@ -74,6 +75,7 @@ class KEST_PLATFORM_API Variant {
                                               int64_t, uint64_t>>>;
 
   public:
+    /// What arrays and objects are kept in.
     using Array = std::vector<Variant>;
     using Object = std::map<std::string, Variant, std::less<>>;
 
@@ -92,6 +94,7 @@ class KEST_PLATFORM_API Variant {
     Variant(std::string text) noexcept;
     Variant(const timeval& time) noexcept;
 
+    /// A deep copy; a moved-from value is null.
     Variant(const Variant& other);
     Variant(Variant&& other) noexcept;
     ~Variant();
@@ -227,6 +230,7 @@ class KEST_PLATFORM_API BaseVariantContainer : public Variant {
     /// Takes a value over as it is; NormalizeFields() makes an object of it.
     explicit BaseVariantContainer(Variant value) noexcept;
 
+    /// As Variant's.
     BaseVariantContainer(const BaseVariantContainer&) = default;
     BaseVariantContainer(BaseVariantContainer&&) noexcept = default;
     BaseVariantContainer& operator=(const BaseVariantContainer&) = default;
