@@ -3,7 +3,6 @@
 #include <cerrno>
 
 #include "support/clean_test.h"
-#include "support/log_capture.h"
 
 namespace {
 

@@ -1,24 +1,18 @@
 #include <kest/utils/InterProcessMutex.h>
-#include <signal.h>
 #include <sys/time.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <cerrno>
-#include <string>
-
+#include "support/child.h"
 #include "support/clean_test.h"
 #include "support/isolated.h"
 
 namespace {
 
-using kest::test::Isolated;
+using kest::test::Child, kest::test::Isolated;
 
 // What acquire() gives in another process; -4 when it waited until a signal came. A refused lock is
 // tried twice, which must not leak.
 int acquireElsewhere(const std::string& name, bool blocking = false) {
-    const pid_t child = fork();
-    if (child == 0) {
+    Child child([&] {
         struct sigaction action = {};
         action.sa_handler = [](int) {};
         sigaction(SIGALRM, &action, nullptr);
@@ -29,14 +23,13 @@ int acquireElsewhere(const std::string& name, bool blocking = false) {
         const auto before = kest::test::openDescriptors().size();
         if (result == -3 && mutex.acquire() == -3 && errno == EINTR) _exit(4);
         _exit(before == kest::test::openDescriptors().size() ? -result : 99);
-    }
-    int status = -1;
-    EXPECT_EQ(child, waitpid(child, &status, 0));
+    });
+    const int status = child.end();
     EXPECT_TRUE(WIFEXITED(status));
     return -WEXITSTATUS(status);
 }
 
-class InterProcessMutexTest : public kest::test::CleanTest {};
+using InterProcessMutexTest = kest::test::CleanTest;
 
 TEST_F(InterProcessMutexTest, ExcludesOtherProcessesUntilReleased) {
     Isolated().empty("/var/lock").run([] {
@@ -57,12 +50,10 @@ TEST_F(InterProcessMutexTest, ExcludesOtherProcessesUntilReleased) {
 TEST_F(InterProcessMutexTest, HoldsTheLockAlsoAfterARefusal) {
     Isolated().empty("/var/lock").run([] {
         InterProcessMutex mutex("camera", false);
-        const pid_t holder = fork();
-        if (holder == 0) _exit(mutex.acquire() == 0 ? raise(SIGSTOP) : 1);
-        waitpid(holder, nullptr, WUNTRACED);
-        EXPECT_EQ(-3, mutex.acquire());
-        kill(holder, SIGCONT);
-        waitpid(holder, nullptr, 0);
+        {
+            Child holder([&] { EXPECT_TRUE(mutex.acquire() == 0 && raise(SIGSTOP) == 0); });
+            EXPECT_TRUE(waitpid(-1, nullptr, WUNTRACED) > 0 && mutex.acquire() == -3);
+        }
         EXPECT_EQ(0, mutex.acquire());
         EXPECT_EQ(-3, acquireElsewhere("camera"));
     });

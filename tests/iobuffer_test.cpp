@@ -1,12 +1,10 @@
 #include <kest/utils/iobuffer.h>
 
-#include <dlfcn.h>
-#include <gmock/gmock.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include "support/clean_test.h"
-#include "support/log_capture.h"
+#include "support/libc.h"
 
 static size_t noMemory = 0, crashes = 0, mapped = 0;
 extern "C" void forceCrash() {
@@ -27,7 +25,7 @@ extern "C" void* mremap(void* at, size_t before, size_t after, int flags, ...) n
 }
 extern "C" int munmap(void* at, size_t n) noexcept {
     mapped -= n;
-    return reinterpret_cast<decltype(&munmap)>(dlsym(RTLD_NEXT, "munmap"))(at, n);
+    return LIBC(munmap)(at, n);
 }
 
 namespace {

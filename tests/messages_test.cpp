@@ -1,4 +1,3 @@
-#include <dlfcn.h>
 #include <kest/ipc/IdGenerator.h>
 #include <kest/ipc/messages.h>
 #include <kest/utils/string_utils.h>
@@ -7,8 +6,7 @@
 #include <tuple>
 
 #include "support/clean_test.h"
-
-#define LIBC(name) reinterpret_cast<decltype(&(name))>(dlsym(RTLD_NEXT, #name))
+#include "support/libc.h"
 
 // Process id and monotonic clock while the id is not 0.
 static pid_t fakePid = 0;

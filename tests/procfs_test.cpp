@@ -1,7 +1,6 @@
 // Covers process.h and threadpriority.h as well: small units that look at the same /proc.
 #include <kest/utils/procfs.h>
 
-#include <gmock/gmock.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -12,7 +11,6 @@
 
 #include "support/clean_test.h"
 #include "support/isolated.h"
-#include "support/log_capture.h"
 #include "support/temp_dir.h"
 
 using namespace kest::test;

@@ -1,11 +1,9 @@
-#include <gmock/gmock.h>
 #include <kest/utils/rolling_list.h>
 #include <kest/utils/timer.h>
 
 #include <filesystem>
 #include <limits>
-#include <string>
-#include <vector>
+#include <memory>
 
 #include "support/clean_test.h"
 #include "support/temp_dir.h"
@@ -72,15 +70,12 @@ TEST(RollingList, AgeLimitLooksAtTheFrontOnly) {
 
 TEST(RollingList, DestructorsOfItemsMayCallBack) {
     dropped.clear();
-    {
-        RollingList list;
-        list.limitListSize(3);
-        for (int i = 0; i < 4; ++i)
-            list.append(new Item(0, i, &list));
-        EXPECT_THAT(dropped, ElementsAre(0, 1, 2, 3));
-        for (int i = 4; i < 7; ++i)
-            list.append(new Item(0, i, &list));
-    }
+    auto list = std::make_unique<RollingList>();
+    list->limitListSize(3);
+    for (int i = 0; i < 7; ++i)
+        list->append(new Item(0, i, list.get()));
+    EXPECT_THAT(dropped, ElementsAre(0, 1, 2, 3));
+    list.reset();
     EXPECT_THAT(dropped, ElementsAre(0, 1, 2, 3, 4, 5, 6));
 }
 

@@ -7,7 +7,6 @@
 
 #include "support/clean_test.h"
 #include "support/isolated.h"
-#include "support/log_capture.h"
 
 using namespace kest::utils;
 using SocketsTest = kest::test::CleanTest;

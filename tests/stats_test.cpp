@@ -127,17 +127,16 @@ TEST_F(StatsTest, ProcessorsOfX86AndArm) {
             CpuInfo info;
             writeFile("/proc/cpuinfo", text);
             const bool read = GetCpuInfo(info);
-            std::string out = format("%d%u ", read, info.online);
-            out += info.model + "|" + info.core + "|" + info.hardware + "|";
-            for (const std::string& feature : info.features)
-                out += feature + ",";
-            return out;
+            std::string features;
+            join(features, ",", info.features);
+            return format("%d%u %s|%s|%s|%s", read, info.online, info.model.c_str(),
+                          info.core.c_str(), info.hardware.c_str(), features.c_str());
         };
-        EXPECT_EQ("12 Some  CPU|||fpu,avx2,",
+        EXPECT_EQ("12 Some  CPU|||fpu,avx2",
                   describe("processor\t: 0\nmodel\t\t: 1\nmodel name\t: Some  CPU\n"
                            "flags\t\t: fpu  avx2\n\nprocessor\t: 1\nmodel name\t: other\n"));
         const std::string arm = "CPU implementer\t: 0x41\nCPU part\t: ";
-        EXPECT_EQ("12 ARMv7 Processor rev 1|Cortex-A9|Board: 7|swp,neon,",
+        EXPECT_EQ("12 ARMv7 Processor rev 1|Cortex-A9|Board: 7|swp,neon",
                   describe("Processor\t: ARMv7 Processor rev 1\nprocessor\t: 0\n\nprocessor\t: 1\n"
                            "\nFeatures\t: swp neon \n" +
                            arm + "0xc09\n\nHardware\t: Board: 7\n"));

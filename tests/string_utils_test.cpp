@@ -6,7 +6,6 @@
 #include <kest/platform/log.h>
 
 #include "support/clean_test.h"
-#include "support/log_capture.h"
 
 using namespace kest::utils;
 using namespace std::string_literals;

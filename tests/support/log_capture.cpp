@@ -3,6 +3,8 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <mutex>
 
 #include <kest/platform/log.h>
@@ -19,17 +21,6 @@ struct Log {
 Log& captured() {
     static Log instance;
     return instance;
-}
-
-std::string formatted(const char* format, va_list args) {
-    va_list copy;
-    va_copy(copy, args);
-    const int length = vsnprintf(nullptr, 0, format, copy);
-    va_end(copy);
-    if (length < 0) return "(bad format)";
-    std::string text(static_cast<size_t>(length), '\0');
-    vsnprintf(text.data(), text.size() + 1, format, args);
-    return text;
 }
 
 }  // namespace
@@ -57,11 +48,13 @@ extern "C" void logInternal(const char* module, const char* sourceFile, const ch
                             int /*line*/, int level, int errnoValue, int /*reserved*/,
                             const char* format, ...) {
     const int savedErrno = errno;
+    char* text = nullptr;
     va_list args;
     va_start(args, format);
-    kest::test::LogLine entry{module, sourceFile, function,
-                              level,  errnoValue, kest::test::formatted(format, args)};
+    if (vasprintf(&text, format, args) < 0) text = strdup("(bad format)");
     va_end(args);
+    kest::test::LogLine entry{module, sourceFile, function, level, errnoValue, text};
+    free(text);
     auto& log = kest::test::captured();
     std::lock_guard<std::mutex> guard(log.mutex);
     log.lines.push_back(std::move(entry));
