@@ -112,8 +112,7 @@ TEST_F(ExecTest, RunningInstanceRefusesChangesUntilStopKillsTheProgram) {
     EXPECT_TRUE(exec.waitPid(1, &timedOut) && timedOut);
     const int pid = exec.pid();
     exec.stop();
-    EXPECT_EQ(-1, kill(pid, 0));
-    EXPECT_FALSE(exec.waitPid(0));
+    EXPECT_TRUE(kill(pid, 0) == -1 && !exec.waitPid(0));
 }
 
 TEST_F(ExecTest, InputAndOutputLargerThanPipesBothAtOnce) {
@@ -122,8 +121,7 @@ TEST_F(ExecTest, InputAndOutputLargerThanPipesBothAtOnce) {
         in += std::to_string(i) + '\0';
     const auto size = static_cast<unsigned>(in.size());
     shell("head -c " + std::to_string(size)).setIn(in).setOut(&out);
-    EXPECT_TRUE(exec.setOutThreshold(size + 1).start());
-    EXPECT_TRUE(finish());
+    EXPECT_TRUE(exec.setOutThreshold(size + 1).start() && finish());
     exec.stop();
     EXPECT_EQ(in, text());
 }
@@ -159,16 +157,14 @@ TEST_F(ExecTest, ReaderThatLeftIsAFailureAndNoSigpipe) {
     EXPECT_TRUE(exec.setExe("/bin/true").setIn("x").start());
     siginfo_t ended = {};
     EXPECT_EQ(0, waitid(P_PID, static_cast<id_t>(exec.pid()), &ended, WEXITED | WNOWAIT));
-    EXPECT_FALSE(finish());
-    EXPECT_EQ(110, exec.code());
+    EXPECT_TRUE(!finish() && exec.code() == 110);
     exec.stop();
 
     int ends[2];
     ASSERT_EQ(0, pipe2(ends, O_CLOEXEC));
     close(ends[0]);
     EXPECT_TRUE(shell("echo lost; exec sleep 60").setOut(ends[1]).start());
-    EXPECT_FALSE(finish());
-    EXPECT_EQ(140, exec.code());
+    EXPECT_TRUE(!finish() && exec.code() == 140);
     exec.stop();
     close(ends[1]);
     EXPECT_EQ(+handler, signal(SIGPIPE, before));
@@ -228,8 +224,7 @@ TEST_F(ExecTest, StreamsArriveWhenTheDaemonHasNoStandardDescriptors) {
 }
 
 TEST_F(ExecTest, StopDoesNotWaitForAGrandchildThatKeepsThePipe) {
-    EXPECT_TRUE(shell("sleep 60 & echo $!").setOut(&out).start());
-    EXPECT_TRUE(finish());
+    EXPECT_TRUE(shell("sleep 60 & echo $!").setOut(&out).start() && finish());
     const int64_t begin = nowMs();
     const clock_t cpu = clock();
     exec.stop();
