@@ -3,9 +3,8 @@
 #include <time.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <memory>
-#include <string>
+#include <tuple>
 
 #include "support/clean_test.h"
 #include "support/isolated.h"
@@ -27,23 +26,17 @@ bool parse(const std::string& text, timeval& tv) {
 }
 
 TEST(TimeText, StampsAreWrittenAndReadBack) {
-    const struct {
-        const char* text;
-        long long seconds;
-        long us;
-        const char* utc;
-    } cases[] = {
+    const std::tuple<const char*, long long, long, const char*> cases[] = {
         {"1970-01-01T00:00:00.999+00:00", 0, 999000, nullptr},
         {"1969-12-31T23:59:59.000+00:00", -1, 0, nullptr},
         {"2020-01-01T12:00:00.250+02:00", 1577872800, 250000, "2020-01-01T10:00:00.250+00:00"},
         {"2020-01-01T12:00:00.250-02:30", 1577889000, 250000, "2020-01-01T14:30:00.250+00:00"},
         {"2020-01-01T00:00:00.007+29:59", 1577728860, 7000, "2019-12-30T18:01:00.007+00:00"},
     };
-    for (const auto& c : cases) {
+    for (const auto& [text, seconds, us, utc] : cases) {
         timeval tv = {};
-        ASSERT_TRUE(parse(c.text, tv)) << c.text;
-        EXPECT_TRUE(tv.tv_sec == c.seconds && tv.tv_usec == c.us) << c.text;
-        EXPECT_EQ(c.utc == nullptr ? c.text : c.utc, timevalToString(&tv));
+        EXPECT_TRUE(parse(text, tv) && tv.tv_sec == seconds && tv.tv_usec == us) << text;
+        EXPECT_EQ(utc == nullptr ? text : utc, timevalToString(&tv));
     }
     const timeval truncated = {0, 999999};
     EXPECT_EQ("1970-01-01T00:00:00.999+00:00", timevalToString(&truncated));
