@@ -1,0 +1,108 @@
+#!/usr/bin/env python3
+"""Draws Google Benchmark's JSON reports as SVG: our time divided by theirs, one dot for each peer.
+
+A row is a pattern with its parameters, the axis is logarithmic, and left of the line at 1 we are faster.
+The same report gives the same bytes.
+"""
+import argparse
+import json
+import math
+import statistics
+import sys
+from html import escape
+from pathlib import Path
+
+import bench_table
+
+ROW, TOP, RIGHT, SCALE, LETTER = 17, 46, 20, 430, 6.4
+COLOURS = ["#1f77b4", "#d95f02", "#2a9d4a", "#c2185b", "#7b5fc0", "#8c6d1f", "#00838f", "#555555"]
+
+
+def ratios_of(patterns):
+    """-> [(label, {peer: ratio})], rows without peers left out"""
+    rows = []
+    for pattern, parameters in patterns.items():
+        for parameter, row in parameters.items():
+            medians = {name: statistics.median(times) for name, times in row.items()}
+            ours = medians.pop(bench_table.OURS, None)
+            found = {name: ours / theirs for name, theirs in medians.items() if ours and theirs}
+            if found:
+                rows.append((f"{pattern} {parameter}".strip(), found))
+    return rows
+
+
+def ticks_of(rows):
+    """Powers of 2 around all ratios; of 4, 8, ... where they would stand too close."""
+    values = [abs(math.log2(ratio)) for _, row in rows for ratio in row.values()]
+    reach = max(1, math.ceil(max(values) + 0.05))
+    step = math.ceil(reach / 5)
+    return [step * i for i in range(-math.ceil(reach / step), math.ceil(reach / step) + 1)]
+
+
+def text(x, y, words, anchor="start", extra=""):
+    return f'<text x="{x:.1f}" y="{y:.1f}" text-anchor="{anchor}"{extra}>{escape(words)}</text>'
+
+
+def legend(peers, left, width):
+    """-> elements, height"""
+    parts, x, y = [], left, 18
+    for peer, colour in peers.items():
+        if x > left and x + 16 + LETTER * len(peer) > width:
+            x, y = left, y + 16
+        parts += [f'<circle cx="{x:.1f}" cy="{y - 4}" r="4" fill="{colour}"/>', text(x + 8, y, peer)]
+        x += 26 + LETTER * len(peer)
+    return parts, y
+
+
+def plot(title, rows):
+    peers = {}
+    for _, row in rows:
+        for peer in row:
+            peers.setdefault(peer, COLOURS[len(peers) % len(COLOURS)])
+    ticks = ticks_of(rows)
+    left = 16 + LETTER * max(len(label) for label, _ in rows)
+    width = left + SCALE + RIGHT
+    keys, top = legend(peers, left, width)
+    top += TOP - 18
+    bottom = top + ROW * len(rows)
+
+    def across(ratio):
+        return left + SCALE * (math.log2(ratio) - ticks[0]) / (ticks[-1] - ticks[0])
+
+    parts = [f'<svg xmlns="http://www.w3.org/2000/svg" width="{width:.0f}" height="{bottom + 26}" '
+             f'font-family="sans-serif" font-size="11"><title>{escape(title)}</title>',
+             f'<rect width="100%" height="100%" fill="#fff"/>', *keys]
+    for tick in ticks:
+        x = across(2.0 ** tick)
+        style = "#000" if tick == 0 else "#ddd"
+        parts += [f'<path d="M{x:.1f} {top - 4}V{bottom}" stroke="{style}"/>',
+                  text(x, top - 8, f"{2.0 ** tick:.3g}", "middle")]
+    for number, (label, row) in enumerate(rows):
+        y = top + ROW * number + ROW / 2
+        parts.append(text(left - 8, y + 4, label, "end"))
+        parts += [f'<circle cx="{across(ratio):.1f}" cy="{y:.1f}" r="4" fill="{peers[peer]}" fill-opacity=".75"/>'
+                  for peer, ratio in row.items()]
+    parts.append(text(across(1) - 8, bottom + 16, "we are faster", "end", ' fill="#555"'))
+    parts.append(text(across(1) + 8, bottom + 16, "slower", "start", ' fill="#555"'))
+    return "\n".join([*parts, "</svg>"]) + "\n"
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("folder", type=Path, help="where SUBJECT.svg goes")
+    parser.add_argument("report", nargs="+", type=Path, help="report written with --benchmark_out")
+    arguments = parser.parse_args()
+    arguments.folder.mkdir(parents=True, exist_ok=True)
+    for path in arguments.report:
+        try:
+            patterns, _ = bench_table.collect(json.loads(path.read_text()))
+            rows = ratios_of(patterns)
+            if rows:
+                title = f"{path.stem}: our time divided by theirs"
+                (arguments.folder / f"{path.stem}.svg").write_text(plot(title, rows))
+        except (OSError, ValueError, KeyError) as error:
+            sys.exit(f"{path}: {error!r}")
+
+
+if __name__ == "__main__":
+    main()
