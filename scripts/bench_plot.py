@@ -2,6 +2,7 @@
 """Draws Google Benchmark's JSON reports as SVG: our time divided by theirs, one dot for each peer.
 
 A row is a pattern with its parameters, the axis is logarithmic, and left of the line at 1 we are faster.
+What lies beyond the axis is written at its end.
 The same report gives the same bytes.
 """
 import argparse
@@ -14,8 +15,10 @@ from pathlib import Path
 
 import bench_table
 
-ROW, TOP, RIGHT, SCALE, LETTER = 17, 46, 20, 430, 6.4
-COLOURS = ["#1f77b4", "#d95f02", "#2a9d4a", "#c2185b", "#7b5fc0", "#8c6d1f", "#00838f", "#555555"]
+ROW, TOP, SCALE, LETTER = 17, 46, 420, 6.9
+REACH = 3  # the axis goes from 1/8 to 8 at most
+COLOURS = ["#1f77b4", "#d95f02", "#2a9d4a", "#c2185b", "#7b5fc0", "#8c6d1f", "#00838f", "#555555", "#e0a800",
+           "#7fb800", "#a52a2a", "#5fa8d3"]
 
 
 def ratios_of(patterns):
@@ -32,11 +35,23 @@ def ratios_of(patterns):
 
 
 def ticks_of(rows):
-    """Powers of 2 around all ratios; of 4, 8, ... where they would stand too close."""
-    values = [abs(math.log2(ratio)) for _, row in rows for ratio in row.values()]
-    reach = max(1, math.ceil(max(values) + 0.05))
-    step = math.ceil(reach / 5)
-    return [step * i for i in range(-math.ceil(reach / step), math.ceil(reach / step) + 1)]
+    """Powers of 2 around all ratios, REACH at most."""
+    values = [math.log2(ratio) for _, row in rows for ratio in row.values()]
+    low = max(math.floor(min(values)), -REACH)
+    high = min(math.ceil(max(values)), REACH)
+    return list(range(min(low, -1), max(high, 1) + 1))
+
+
+def beyond(ratio):
+    """What is written where a ratio does not fit onto the axis; else empty."""
+    if abs(math.log2(ratio)) <= REACH:
+        return ""
+    return f"{ratio:.0f}" if ratio > 1 else f"1/{1 / ratio:.0f}"
+
+
+def margin(row, side):
+    """Room for what a row has beyond one end of the axis."""
+    return sum(LETTER * len(beyond(ratio)) + 8 for ratio in row.values() if side(ratio) and beyond(ratio))
 
 
 def text(x, y, words, anchor="start", extra=""):
@@ -60,8 +75,9 @@ def plot(title, rows):
         for peer in row:
             peers.setdefault(peer, COLOURS[len(peers) % len(COLOURS)])
     ticks = ticks_of(rows)
-    left = 16 + LETTER * max(len(label) for label, _ in rows)
-    width = left + SCALE + RIGHT
+    labels = 16 + LETTER * max(len(label) for label, _ in rows)
+    left = labels + max(margin(row, lambda ratio: ratio < 1) for _, row in rows)
+    width = left + SCALE + 20 + max(margin(row, lambda ratio: ratio > 1) for _, row in rows)
     keys, top = legend(peers, left, width)
     top += TOP - 18
     bottom = top + ROW * len(rows)
@@ -76,12 +92,20 @@ def plot(title, rows):
         x = across(2.0 ** tick)
         style = "#000" if tick == 0 else "#ddd"
         parts += [f'<path d="M{x:.1f} {top - 4}V{bottom}" stroke="{style}"/>',
-                  text(x, top - 8, f"{2.0 ** tick:.3g}", "middle")]
+                  text(x, top - 8, f"1/{2 ** -tick}" if tick < 0 else f"{2 ** tick}", "middle")]
     for number, (label, row) in enumerate(rows):
         y = top + ROW * number + ROW / 2
-        parts.append(text(left - 8, y + 4, label, "end"))
-        parts += [f'<circle cx="{across(ratio):.1f}" cy="{y:.1f}" r="4" fill="{peers[peer]}" fill-opacity=".75"/>'
-                  for peer, ratio in row.items()]
+        parts.append(text(labels - 8, y + 4, label, "end"))
+        ends = {"start": left + SCALE + 8, "end": left - 8}
+        for peer, ratio in row.items():
+            words = beyond(ratio)
+            if not words:
+                parts.append(f'<circle cx="{across(ratio):.1f}" cy="{y:.1f}" r="4" fill="{peers[peer]}" '
+                             'fill-opacity=".75"/>')
+                continue
+            side = "start" if ratio > 1 else "end"
+            parts.append(text(ends[side], y + 4, words, side, f' fill="{peers[peer]}"'))
+            ends[side] += (LETTER * len(words) + 8) * (1 if ratio > 1 else -1)
     parts.append(text(across(1) - 8, bottom + 16, "we are faster", "end", ' fill="#555"'))
     parts.append(text(across(1) + 8, bottom + 16, "slower", "start", ' fill="#555"'))
     return "\n".join([*parts, "</svg>"]) + "\n"

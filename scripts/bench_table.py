@@ -91,31 +91,48 @@ def table(pattern, rows):
     return "\n".join("| " + " | ".join(map(str.ljust, line, widths)) + " |" for line in lines)
 
 
-def heading(path, report):
+def heading(report):
     context = report.get("context", {})
     load = context.get("load_avg") or ["?"]
     repetitions = max((run.get("repetitions", 1) for run in report["benchmarks"]), default=0)
-    return (f"## {path.stem}\n\nMedian of {repetitions} repetitions; {context.get('num_cpus', '?')} processors, "
-            f"load {load[0]:.3} at the start. In brackets: our time divided by theirs, below 1 we are "
-            "faster.\n\"spread\" is the widest interquartile range of the row.")
+    return (f"Median of {repetitions} repetitions; {context.get('num_cpus', '?')} processors, "
+            f"load {load[0]:.3} at the start.")
 
 
-def show(path):
+def tables(path):
     report = json.loads(path.read_text())
     patterns, skipped = collect(report)
-    parts = [heading(path, report)]
+    parts = [heading(report)]
     parts += [table(pattern, rows) for pattern, rows in patterns.items()]
     if skipped:
         parts.append("\n".join(f"Skipped: {' '.join(part)}" for part in skipped))
-    print("\n\n".join(parts) + "\n")
+    return "\n\n".join(parts) + "\n"
+
+
+def write_into(page, path):
+    """Replaces what stands between the page's marks for the report's subject."""
+    begin, end = f"<!-- measured {path.stem} -->\n", "<!-- end -->\n"
+    before, found, rest = page.read_text().partition(begin)
+    old, closed, after = rest.partition(end)
+    if not found or not closed:
+        raise ValueError(f"{page} has no \"{begin.strip()}\" with its end")
+    page.write_text(f"{before}{begin}\n{tables(path)}\n{end}{after}")
 
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--page", type=Path, help="write the tables into this page instead")
     parser.add_argument("report", nargs="+", type=Path, help="report written with --benchmark_out")
-    for path in parser.parse_args().report:
+    arguments = parser.parse_args()
+    if not arguments.page:
+        print("In brackets: our time divided by theirs, below 1 we are faster.\n"
+              "\"spread\" is the widest interquartile range of the row.\n")
+    for path in arguments.report:
         try:
-            show(path)
+            if arguments.page:
+                write_into(arguments.page, path)
+            else:
+                print(f"## {path.stem}\n\n{tables(path)}")
         except (OSError, ValueError, KeyError) as error:
             sys.exit(f"{path}: {error!r}")
 
