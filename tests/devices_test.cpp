@@ -3,7 +3,6 @@
 #include <kest/utils/mdio.h>
 #include <kest/utils/rtc.h>
 #include <kest/utils/string_utils.h>
-#include <linux/mii.h>
 #include <sys/ioctl.h>
 
 #include <climits>
@@ -32,26 +31,16 @@ struct Device {
     }
 } device;
 
-// Fills the outputs also when it fails: nobody must look at them then.
-int answerMii(unsigned long request, ifreq& ask) {
-    mii_ioctl_data mii;
-    memcpy(&mii, &ask.ifr_ifru, sizeof(mii));
-    const std::string call = format("ioctl %lx %.16s %x %x %x", request, ask.ifr_name, mii.phy_id,
-                                    mii.reg_num, mii.val_in);
-    if (request == 0x8947) mii.phy_id = 5;
-    mii.val_out = 0xABCD;
-    memcpy(&ask.ifr_ifru, &mii, sizeof(mii));
-    return device.answer(call, 0);
-}
-
-// The log since the last look: source, function, level, errno, text.
-std::string logged() {
-    std::string all;
+// What the action asks of the device, and then its log: source, function, level, errno, text.
+template <typename Action>
+std::string transcript(const Device& setting, Action action) {
+    device = setting;
+    action();
     for (const auto& line : kest::test::logLines())
-        all += line.sourceFile +
-               format(" %s %d %d ", line.function.c_str(), line.level, line.errnoValue) + line.text;
+        device.calls += format("%s %s %d %d %s", line.sourceFile.c_str(), line.function.c_str(),
+                               line.level, line.errnoValue, line.text.c_str());
     kest::test::clearLog();
-    return all;
+    return device.calls;
 }
 
 }  // namespace
@@ -63,16 +52,26 @@ extern "C" int socket(int domain, int type, int protocol) noexcept {
     return device.answer(format("socket %d %d %d", domain, type - SOCK_CLOEXEC, protocol),
                          device.descriptor);
 }
+// Fills the outputs also when it fails: nobody must look at them then.
 extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
     va_list list;
     va_start(list, request);
     void* const argument = va_arg(list, void*);
     va_end(list);
+    std::string call = format("ioctl %lx", request);
     if (fd != device.descriptor) return errno = EBADF, -1;
-    if (request >> 8 == 0x89) return answerMii(request, *static_cast<ifreq*>(argument));
-    if (request == 0x706) return device.answer(format("ioctl 706 %p", argument), 0);
-    *static_cast<int*>(argument) = device.value;
-    return device.answer(format("ioctl %lx", request), 0);
+    if (request >> 8 == 0x89) {
+        auto& ask = *static_cast<ifreq*>(argument);
+        auto* words = reinterpret_cast<unsigned short*>(&ask.ifr_ifru);  // PHY, register, in, out
+        call += format(" %.16s %x %x %x", ask.ifr_name, words[0], words[1], words[2]);
+        if (request == 0x8947) words[0] = 5;
+        words[3] = 0xABCD;
+    } else if (request == 0x706) {
+        call += format(" %p", argument);
+    } else {
+        *static_cast<int*>(argument) = device.value;
+    }
+    return device.answer(call, 0);
 }
 extern "C" ssize_t read(int fd, void* buffer, size_t size) {
     memset(buffer, device.value, 1);
@@ -87,61 +86,55 @@ extern "C" int close(int fd) {
 }
 
 TEST_F(DevicesTest, RtcMovesOneByteAndLogsTheStepThatFails) {
-    const std::string begin = "/dev/i2c-2 2;ioctl 706 0x31;", end = "close 77;";
+    const std::string bus = "/dev/i2c-2 2;", bound = bus + "ioctl 706 0x31;", end = "close 77;";
     for (const int byte : {0x04, 0x08, 0xF3}) {
-        bool enabled = byte == 0xF3;
-        device = {0, 77, 1, byte};
-        EXPECT_TRUE(S35390_GetME(enabled) && enabled == (byte != 0xF3) && S35390_SetME(enabled));
-        EXPECT_EQ(
-            begin + "read 77 1;" + end + begin + "write 77 1 " + (enabled ? "c;" : "0;") + end,
-            device.calls);
+        const bool set = byte != 0xF3;
+        bool enabled = !set;
+        EXPECT_EQ(bound + "read 77 1;" + end + bound + "write 77 1 " + (set ? "c;" : "0;") + end,
+                  transcript({0, 77, 1, byte},
+                             [&] { EXPECT_TRUE(S35390_GetME(enabled) && S35390_SetME(enabled)); }));
     }
-    const char* lines[] = {
-        "0 Failed to open device /dev/i2c-2", "121 Failed to set i2c slave to REG_STATUS2",
-        "121 Failed to read 1 byte from rtc", "0 Failed to read 1 byte from rtc"};
-    // In the last two rounds, the third step moves nothing.
-    for (int round = 2; round < 10; ++round) {
-        const int step = round / 2;
-        const bool set = round % 2 != 0;
+    for (const bool get : {true, false}) {
+        const std::string log = get ? "rtc S35390_GetME 3 " : "rtc S35390_SetME 3 ";
+        const std::string moved = bound + (get ? "read 77 1;" : "write 77 1 c;") + end + log;
+        const char* what = get ? "Failed to read 1 byte from rtc" : "Failed to write 1 byte to rtc";
+        const std::string steps[] = {
+            bus + log + "0 Failed to open device /dev/i2c-2",
+            bound + end + log + "121 Failed to set i2c slave to REG_STATUS2", moved + "121 " + what,
+            moved + "0 " + what};  // the third step moves nothing
         bool enabled = true;
-        device = {step, 77, step == 4 ? 0 : 1};
-        EXPECT_TRUE(!(set ? S35390_SetME(true) : S35390_GetME(enabled)) && enabled);
-        EXPECT_TRUE(device.count == std::min(step, 3) && endsWith(device.calls, end) == (step > 1));
-        std::string line = std::string("rtc S35390_GetME 3 ") + lines[step - 1];
-        if (set) replaceAll(line, "Get", "Set");
-        if (set) replaceAll(line, "read 1 byte from", "write 1 byte to");
-        EXPECT_EQ(line, logged());
+        for (const int step : {1, 2, 3, 4})
+            EXPECT_EQ(steps[step - 1], transcript({step, 77, step == 4 ? 0 : 1}, [&] {
+                          EXPECT_FALSE(get ? S35390_GetME(enabled) : S35390_SetME(true));
+                      }));
+        EXPECT_TRUE(enabled);
     }
 }
 
-TEST_F(DevicesTest, MdioAsksThePhyThatInitFoundForNamesOfAnyLength) {
-    static_assert(!std::is_copy_constructible_v<mdio> && !std::is_copy_assignable_v<mdio>);
-    for (const unsigned length : {4U, 15U, 16U, 17U, 200U}) {
+// Names of any length; in the fifth round nothing fails.
+TEST_F(DevicesTest, MdioAsksThePhyThatInitFoundAndLogsTheStepThatFails) {
+    const std::string end = "close 77;", again = "socket 2 2 0;ioctl 8947 eth0 0 0 0;" + end;
+    for (const unsigned length : {15U, 16U, 17U, 200U}) {
         const std::string name(length, 'n'), held = name.substr(0, 16);
-        unsigned short value = 1;
-        device = {1};
-        {
-            mdio phy, untouched;
-            EXPECT_FALSE(phy.read(2, value) || phy.write(2, value) || phy.init(name));
-            EXPECT_EQ("mdio init 3 121 socket create failed", logged());
-            device.failing = 3;
-            EXPECT_FALSE(phy.init(name) || phy.read(1, value));
-            EXPECT_EQ("mdio init 3 121 SIOCGMIIPHY " + name + " failed", logged());
-            device.failing = 6;
-            EXPECT_TRUE(phy.init(name) && phy.init("eth1") && !phy.read(1, value) && value == 1);
-            EXPECT_EQ("mdio read 3 121 SIOCGMIIREG read " + held + " failed", logged());
-            device.failing = 7;
-            EXPECT_FALSE(phy.write(1, 2));
-            EXPECT_EQ("mdio write 3 121 SIOCSMIIREG write " + held + " failed", logged());
-            EXPECT_TRUE(phy.read(0xFFFF, value) && value == 0xABCD && phy.write(0x1F, 0x8000));
-        }
-        std::string calls =
-            "socket 2 2 0;socket 2 2 0;ioctl 8947 # 0 0 0;close 77;socket 2 2 0;ioctl 8947 # 0 0 0;"
-            "ioctl 8948 # 5 1 0;ioctl 8949 # 5 1 2;ioctl 8948 # 5 ffff 0;ioctl 8949 # 5 1f 8000;"
-            "close 77;";
-        replaceAll(calls, "#", held);
-        EXPECT_EQ(calls, device.calls);
+        const std::string found = "socket 2 2 0;ioctl 8947 " + held + " 0 0 0;";
+        const std::string asked = found + "ioctl 8948 " + held + " 5 ffff 0;";
+        const std::string told = asked + "ioctl 8949 " + held + " 5 1f 8000;" + end;
+        const std::string steps[] = {
+            "socket 2 2 0;" + again + "mdio init 3 121 socket create failed",
+            found + end + again + "mdio init 3 121 SIOCGMIIPHY " + name + " failed",
+            asked + end + "mdio read 3 121 SIOCGMIIREG read " + held + " failed",
+            told + "mdio write 3 121 SIOCSMIIREG write " + held + " failed", told};
+        for (const int step : {1, 2, 3, 4, 5})
+            EXPECT_EQ(steps[step - 1], transcript({step}, [&] {
+                          mdio phy;
+                          unsigned short value = 1;
+                          EXPECT_FALSE(phy.read(2, value) || phy.write(2, value));
+                          EXPECT_EQ(step == 5, phy.init(name) && phy.read(0xFFFF, value) &&
+                                                   phy.write(0x1F, 0x8000));
+                          EXPECT_TRUE(value == (step < 4 ? 1 : 0xABCD) && phy.init("eth0"));
+                      }));
     }
+    static_assert(!std::is_copy_constructible_v<mdio> && !std::is_copy_assignable_v<mdio>);
 }
 
 TEST_F(DevicesTest, IavStateIsInTheMaskOrNot) {
@@ -151,29 +144,25 @@ TEST_F(DevicesTest, IavStateIsInTheMaskOrNot) {
         for (const int mask : {0, 1, 2, 3, 4, 5, 6, 7, 8, -8, -1})
             EXPECT_EQ((mask & bit) != 0, IavState::isState(77, mask)) << state;
     }
-    device = {1};
-    EXPECT_TRUE(!IavState::isState(77, 0) && device.calls == "ioctl 80047652;");
-    EXPECT_EQ("IavState isState 3 121 Failed to read IAV_IOC_GET_STATE", logged());
+    EXPECT_EQ("ioctl 80047652;IavState isState 3 121 Failed to read IAV_IOC_GET_STATE",
+              transcript({1}, [] { EXPECT_FALSE(IavState::isState(77, 0)); }));
 }
 
 TEST_F(DevicesTest, IavStateOwnsOneDescriptorAndNeverZero) {
     const std::string failure = "IavState init 3 0 Failed to access IAV device";
-    device = {4};
-    {
-        IavState iav;
-        bool flip = true, mirror = false;
-        EXPECT_TRUE(iav.orientation(flip, mirror) && flip && !mirror);
-        EXPECT_TRUE(iav.init() && iav.init() && iav.isState(1) && !iav.init());
-        EXPECT_EQ(failure, logged());
-        device.descriptor = 0;
-        EXPECT_TRUE(!iav.init() && logged() == failure && !iav.isState(7));
-        EXPECT_EQ("IavState isState 3 9 Failed to read IAV_IOC_GET_STATE", logged());
-        device.descriptor = 78;
-        EXPECT_TRUE(iav.init());
-    }
     EXPECT_EQ(
-        "/dev/iav 2;/dev/iav 2;close 77;ioctl 80047652;/dev/iav 2;close 77;/dev/iav 2;"
-        "close 0;/dev/iav 2;close 78;",
-        device.calls);
+        "/dev/iav 2;/dev/iav 2;close 77;ioctl 80047652;/dev/iav 2;close 77;/dev/iav 2;close 0;"
+        "/dev/iav 2;close 78;" +
+            failure + failure + "IavState isState 3 9 Failed to read IAV_IOC_GET_STATE",
+        transcript({4}, [] {
+            IavState iav;
+            bool flip = true, mirror = false;
+            EXPECT_TRUE(iav.orientation(flip, mirror) && flip && !mirror);
+            EXPECT_TRUE(iav.init() && iav.init() && iav.isState(1) && !iav.init());
+            device.descriptor = 0;
+            EXPECT_FALSE(iav.init() || iav.isState(7));
+            device.descriptor = 78;
+            EXPECT_TRUE(iav.init());
+        }));
     static_assert(!std::is_copy_constructible_v<IavState>);
 }
