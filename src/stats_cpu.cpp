@@ -84,9 +84,8 @@ class Cores {
     int last_ = -1;
 };
 
-// The place of the figures behind "cpu" or "cpu<number>"; null when there is none.
-CpuLoad* placeOf(std::string_view& line, CpuStats& stats, Cores& cores) {
-    if (!line.empty() && line.front() == ' ') return &stats.total;
+// The place of the figures behind "cpu<number>"; null when there is none.
+CpuLoad* placeOf(std::string_view& line, Cores& cores) {
     uint64_t core = 0;
     return takeNumber(line, core) && core < kMostCores ? cores.at(static_cast<int>(core)) : nullptr;
 }
@@ -102,10 +101,12 @@ bool GetCpuStats(CpuStats& stats) {
         const bool isCpu = takePrefix(line, "cpu");
         // The long line of the interrupts comes next; nothing behind it is needed.
         if (!isCpu && complete) break;
-        CpuLoad* load = isCpu ? placeOf(line, stats, cores) : nullptr;
-        const bool isTotal = load == &stats.total;
+        const bool isTotal = isCpu && takePrefix(line, " ");
+        // Without the line for all of them the cores stay as they are.
+        if (!isTotal && !(isCpu && complete)) continue;
+        CpuLoad* load = isTotal ? &stats.total : placeOf(line, cores);
         CpuTimes now;
-        if (load == nullptr || !(isTotal || complete) || !readTimes(line, now)) continue;
+        if (load == nullptr || !readTimes(line, now)) continue;
         measure(*load, now);
         complete = true;
     }

@@ -66,10 +66,11 @@ TEST_F(StatsTest, ProcessorTimesThatWrapOrGoBack) {
         EXPECT_EQ(1U, stats.cores.size()) << "numbers that descend";
         EXPECT_TRUE(cpuAfter(stats, "cpu  4 0 0 990 530\ncpu 1 2\ncpu0 1 1 18446744073709551616"));
         EXPECT_EQ("-1 1 25 25 0 0 75", shares(stats.total));
-        for (const char* text : {"", "cpu 1 2 3\n", "cpu0 1 2 3 4\n", "intr 1 2 3 4"})
+        for (const char* text : {"", "cpu 1 2 3\n", "cpu7 1 2 3 4\n", "intr 1 2 3 4"})
             EXPECT_FALSE(cpuAfter(stats, text)) << text;
         EXPECT_THAT(logTexts(), Each("Unexpected text in `/proc/stat`"));
         EXPECT_TRUE(logLines().at(3).sourceFile == "stats" && stats.total.times.idle == 990);
+        EXPECT_EQ(1U, stats.cores.size());
     });
 }
 
