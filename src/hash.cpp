@@ -86,6 +86,7 @@ bool bin2Hex(const unsigned char* data, unsigned int len, std::string& out) {
     return true;
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): callers have always handed over a copy
 std::vector<unsigned char> hex2bin(std::string hex) {
     std::vector<unsigned char> bytes;
     if (hex.size() > 1) bytes.reserve(hex.size() - 1);

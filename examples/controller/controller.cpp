@@ -12,7 +12,7 @@
 namespace {
 
 // A camera that sends more in one message is cut off.
-constexpr size_t kLongestMessage = 1024 * 1024;
+constexpr size_t kLongestMessage = size_t{1} << 20;
 constexpr size_t kMostQueued = 1000;
 
 volatile sig_atomic_t ending = 0;
