@@ -254,7 +254,8 @@ TEST_F(IpcTest, ServiceIsReportedUntilTheWorkIsDone) {
         if (poll(&item, 1, 10) == 1) service.service();
     };
     EXPECT_THROW(while (calls == 0) pass(), std::runtime_error);
-    for (int done = calls; calls < 200; done = calls) {
+    while (calls < 200) {
+        const int done = calls;
         pass();
         EXPECT_LE(calls - done, 64);
     }
