@@ -18,7 +18,8 @@ set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
-# Tests run here as on the camera, as far as the emulator goes.
-set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm -L ${KEST_SYSROOT})
+# Tests run here as on the camera, as far as the emulator goes. It takes files below its root for the
+# machine's own of the same name: there must be nothing but the dynamic linker and its libraries.
+set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm -L ${KEST_SYSROOT}/emulated)
 set(ENV{PKG_CONFIG_SYSROOT_DIR} ${KEST_SYSROOT})
 set(ENV{PKG_CONFIG_LIBDIR} ${KEST_SYSROOT}/usr/lib/arm-linux-gnueabihf/pkgconfig:${KEST_SYSROOT}/usr/share/pkgconfig)
