@@ -3,13 +3,14 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/mount.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cerrno>
 #include <cstdlib>
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <thread>
@@ -19,6 +20,7 @@
 
 #include "support/clean_test.h"
 #include "support/isolated.h"
+#include "support/limited.h"
 #include "support/temp_dir.h"
 
 using namespace kest::test;
@@ -105,25 +107,32 @@ TEST_F(CrashDumpsTest, EveryCrashLeavesOneReportAndEndsOnItsSignalNotUnderValgri
 TEST_F(CrashDumpsTest, TheReportLeadsToTheSourceLineNotUnderValgrind) {
     isolated().run([] {
         statusOf([] { writeToNull(); });
-        EXPECT_EQ(0, system(KEST_SYMBOLIZE
-                            " --tool addr2line /tmp/crashdumps/run/stack >/tmp/crashdumps/lines"));
+        EXPECT_EQ(0, system(KEST_SYMBOLIZE " /tmp/crashdumps/run/stack >/tmp/crashdumps/lines"));
         EXPECT_THAT(readFile("/tmp/crashdumps/lines"),
                     ContainsRegex("signal 11 .*\n#0 .*\n#1 .*writeToNull.* at .*/crashdumps_test."
                                   "cpp:[0-9]+ .*\n#2 .*/crashdumps_test.cpp:"));
     });
 }
 
+// Processes of the namespace, whose first one reaps orphans.
+int processes() {
+    int count = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc"))
+        count += isdigit(entry.path().filename().c_str()[0]) != 0;
+    return count;
+}
+
 TEST_F(CrashDumpsTest, ACollectorThatIsAbsentOrHangsLeavesNoProcessNotUnderValgrind) {
-    isolated("echo $$ >/tmp/crashdumps/asked; exec sleep 100").run([] {
+    isolated("echo >/tmp/crashdumps/asked; exec sleep 100").run([] {
         marks = open("/tmp/crashdumps/marks", O_CREAT | O_WRONLY | O_CLOEXEC, 0600);
-        prctl(PR_SET_CHILD_SUBREAPER, 1);
+        const int before = processes();
         EXPECT_EQ(SIGABRT, WTERMSIG(statusOf(abort)));
-        int status = 0;
-        EXPECT_EQ(atoi(readFile("/tmp/crashdumps/asked").c_str()), waitpid(-1, &status, 0));
-        EXPECT_TRUE(WTERMSIG(status) == SIGKILL && readFile("/tmp/crashdumps/marks").size() == 10);
+        EXPECT_NE("", readFile("/tmp/crashdumps/asked"));
+        EXPECT_EQ(10U, readFile("/tmp/crashdumps/marks").size());
         chmod("/usr/bin/collect", 0644);
         EXPECT_EQ(SIGSEGV, WTERMSIG(statusOf([] { writeToNull(); })));
-        EXPECT_EQ(-1, waitpid(-1, nullptr, 0)) << "a child of the child was left";
+        while (processes() > before)  // or beyond the limit
+            usleep(1000);
     });
 }
 
@@ -199,9 +208,11 @@ TEST_F(CrashDumpsTest, AFailedStepIsLoggedAndTheDaemonRunsOn) {
                      InstallCrashDumpHandler("/tmp/crashdumps/none"));
         mount("tmpfs", stuck.c_str(), "tmpfs", 0, nullptr);
         EXPECT_EQ("1: 1", numbersAfter("1"));
-        mount("tmpfs", "/proc", "tmpfs", 0, nullptr);
-        EXPECT_FALSE(InstallCrashDumpHandler(nullptr));
-        EXPECT_TRUE(umount("/proc") == 0 && umount(stuck.c_str()) == 0);
+        {
+            const Limited limited(RLIMIT_NOFILE, 0);
+            EXPECT_FALSE(InstallCrashDumpHandler(nullptr));
+        }
+        EXPECT_EQ(0, umount(stuck.c_str()));
         EXPECT_THAT(
             logTexts(),
             ElementsAre("Unable to compute the dump folder",

@@ -6,12 +6,14 @@
 #include <cstdio>
 #include <string>
 
+#include "support/emulator.h"
+
 namespace {
 
 // Standard error of the program, run with the given environment assignments.
 std::string run(const std::string& environment) {
-    const std::string command = environment + " " + LOG_DEFAULT_PROGRAM + " 2>&1 >/dev/null";
-    FILE* pipe = popen(command.c_str(), "r");
+    const std::string program = kest::test::command(LOG_DEFAULT_PROGRAM);
+    FILE* pipe = popen((environment + " " + program + " 2>&1 >/dev/null").c_str(), "r");
     std::string output;
     for (int c = fgetc(pipe); c != EOF; c = fgetc(pipe))
         output += static_cast<char>(c);

@@ -23,8 +23,14 @@ using MemoryMapTest = CleanTest;
 
 TEST_F(MemoryMapTest, ReadsEveryLineNotUnderValgrind) {
     Isolated().run([] {
+        MemoryMap map;
+        void (*const code)() = [] {};
+        ASSERT_TRUE(map.GetMemoryMap(0) && map.entries()[map.entryCount() - 1].end == 0);
+        const MemoryMapEntry* const own = map.Find(reinterpret_cast<uintptr_t>(code));
+        EXPECT_TRUE(own != nullptr && own->permissions[2] == 'x' &&
+                    endsWith(own->path, "/memorymap_test"));
         ASSERT_EQ(0, mount("tmpfs", "/proc", "tmpfs", 0, nullptr));
-        ASSERT_TRUE(mkdir("/proc/self", 0755) == 0 && mkdir("/proc/7", 0755) == 0);
+        ASSERT_EQ(0, mkdir("/proc/7", 0755));
         const std::string x(5000, 'x');
         const std::string text = R"(1000-2000 r-xp 0000a000 08:1f 77   /bin/a
 2000-3000 rw-p 0 00:00 0
@@ -34,9 +40,6 @@ junk
 5000-6000 r--p 0 00:00 9 /gone (deleted)
 6000-7000 r-xp 0 0)";
         writeFile("/proc/7/maps", text);
-        writeFile("/proc/self/maps", "a-b r--p 0 0:0 1 /self\n");
-        MemoryMap map;
-        EXPECT_TRUE(map.GetMemoryMap(0) && map.entryCount() == 2 && map.entries()[1].end == 0);
         EXPECT_TRUE(map.GetMemoryMap(7) && !map.GetMemoryMap(-1)) << "which changes nothing";
         const std::string warning = "The following memory map line could not be parsed ";
         EXPECT_THAT(logTexts(),
