@@ -2,7 +2,7 @@
 """Draws Google Benchmark's JSON reports as SVG: our time divided by theirs, one dot for each peer.
 
 A row is a pattern with its parameters, the axis is logarithmic, and left of the line at 1 we are faster.
-What lies beyond the axis is written at its end.
+What lies beyond the axis is written at its end. Dots of a row that is too noisy to say anything are hollow.
 The same report gives the same bytes.
 """
 import argparse
@@ -17,26 +17,28 @@ import bench_table
 
 ROW, TOP, SCALE, LETTER = 17, 46, 420, 6.9
 REACH = 3  # the axis goes from 1/8 to 8 at most
+NOISY = 0.5  # spread
 COLOURS = ["#1f77b4", "#d95f02", "#2a9d4a", "#c2185b", "#7b5fc0", "#8c6d1f", "#00838f", "#555555", "#e0a800",
            "#7fb800", "#a52a2a", "#5fa8d3"]
 
 
 def ratios_of(patterns):
-    """-> [(label, {peer: ratio})], rows without peers left out"""
+    """-> [(label, {peer: ratio}, whether it is noisy)], rows without peers left out"""
     rows = []
     for pattern, parameters in patterns.items():
         for parameter, row in parameters.items():
             medians = {name: statistics.median(times) for name, times in row.items()}
             ours = medians.pop(bench_table.OURS, None)
             found = {name: ours / theirs for name, theirs in medians.items() if ours and theirs}
+            noisy = any((bench_table.spread(times) or 0) > NOISY for times in row.values())
             if found:
-                rows.append((f"{pattern} {parameter}".strip(), found))
+                rows.append((f"{pattern} {parameter}".strip(), found, noisy))
     return rows
 
 
 def ticks_of(rows):
     """Powers of 2 around all ratios, REACH at most."""
-    values = [math.log2(ratio) for _, row in rows for ratio in row.values()]
+    values = [math.log2(ratio) for _, row, _ in rows for ratio in row.values()]
     low = max(math.floor(min(values)), -REACH)
     high = min(math.ceil(max(values)), REACH)
     return list(range(min(low, -1), max(high, 1) + 1))
@@ -71,13 +73,13 @@ def legend(peers, left, width):
 
 def plot(title, rows):
     peers = {}
-    for _, row in rows:
+    for _, row, _ in rows:
         for peer in row:
             peers.setdefault(peer, COLOURS[len(peers) % len(COLOURS)])
     ticks = ticks_of(rows)
-    labels = 16 + LETTER * max(len(label) for label, _ in rows)
-    left = labels + max(margin(row, lambda ratio: ratio < 1) for _, row in rows)
-    width = left + SCALE + 20 + max(margin(row, lambda ratio: ratio > 1) for _, row in rows)
+    labels = 16 + LETTER * max(len(label) for label, _, _ in rows)
+    left = labels + max(margin(row, lambda ratio: ratio < 1) for _, row, _ in rows)
+    width = left + SCALE + 20 + max(margin(row, lambda ratio: ratio > 1) for _, row, _ in rows)
     keys, top = legend(peers, left, width)
     top += TOP - 18
     bottom = top + ROW * len(rows)
@@ -93,15 +95,16 @@ def plot(title, rows):
         style = "#000" if tick == 0 else "#ddd"
         parts += [f'<path d="M{x:.1f} {top - 4}V{bottom}" stroke="{style}"/>',
                   text(x, top - 8, f"1/{2 ** -tick}" if tick < 0 else f"{2 ** tick}", "middle")]
-    for number, (label, row) in enumerate(rows):
+    for number, (label, row, noisy) in enumerate(rows):
         y = top + ROW * number + ROW / 2
         parts.append(text(labels - 8, y + 4, label, "end"))
         ends = {"start": left + SCALE + 8, "end": left - 8}
         for peer, ratio in row.items():
             words = beyond(ratio)
             if not words:
-                parts.append(f'<circle cx="{across(ratio):.1f}" cy="{y:.1f}" r="4" fill="{peers[peer]}" '
-                             'fill-opacity=".75"/>')
+                opacity = 0 if noisy else .75
+                parts.append(f'<circle cx="{across(ratio):.1f}" cy="{y:.1f}" r="3.5" fill="{peers[peer]}" '
+                             f'fill-opacity="{opacity}" stroke="{peers[peer]}"/>')
                 continue
             side = "start" if ratio > 1 else "end"
             parts.append(text(ends[side], y + 4, words, side, f' fill="{peers[peer]}"'))

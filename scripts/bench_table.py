@@ -105,7 +105,7 @@ def tables(path):
     parts = [heading(report)]
     parts += [table(pattern, rows) for pattern, rows in patterns.items()]
     if skipped:
-        parts.append("\n".join(f"Skipped: {' '.join(part)}" for part in skipped))
+        parts.append("\n".join(f"- Skipped: {' '.join(part)}" for part in skipped))
     return "\n\n".join(parts) + "\n"
 
 
