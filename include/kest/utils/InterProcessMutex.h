@@ -39,7 +39,7 @@ class KEST_API InterProcessMutex {
     bool isAcquired() const;
 
   private:
-    bool setLock(short type, bool wait) const;
+    KEST_LOCAL bool setLock(short type, bool wait) const;
 
     bool blocking_;
     bool acquired_ = false;

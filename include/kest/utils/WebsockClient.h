@@ -50,15 +50,15 @@ class KEST_API Connection {
   private:
     friend class Session;
 
-    explicit Connection(lws** wsi);
-    ~Connection();
+    KEST_LOCAL explicit Connection(lws** wsi);
+    KEST_LOCAL ~Connection();
 
-    bool isUsable(const char* caller) const;
-    bool enqueue(const void* data, unsigned int length);
-    bool open(unsigned int queueLength);
-    int writeNext();
-    int writeClose();
-    void destroyQueue();
+    KEST_LOCAL bool isUsable(const char* caller) const;
+    KEST_LOCAL bool enqueue(const void* data, unsigned int length);
+    KEST_LOCAL bool open(unsigned int queueLength);
+    KEST_LOCAL int writeNext();
+    KEST_LOCAL int writeClose();
+    KEST_LOCAL void destroyQueue();
 
     lws** wsi_;  // the session's slot: always the current one, null after the end
     bool connected_ = false;
@@ -177,10 +177,10 @@ class KEST_API WebsockClient {
     bool cancel();
 
   private:
-    struct State;
+    struct KEST_LOCAL State;
 
-    State& state();
-    void drop();
+    KEST_LOCAL State& state();
+    KEST_LOCAL void drop();
 
     Scheduler* scheduler_;
     std::unique_ptr<State> state_;

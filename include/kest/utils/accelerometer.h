@@ -75,7 +75,7 @@ class KEST_API Accelerometer {
                                      Orientation previous = Orientation::Unknown);
 
   private:
-    struct Sensor;
+    struct KEST_LOCAL Sensor;
 
     std::unique_ptr<Sensor> sensor_;
 };

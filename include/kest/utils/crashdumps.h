@@ -79,14 +79,14 @@ class KEST_API CrashDumpHandler {
         int signo;
     };
 
-    bool openReport(const std::string& path);
-    void keepTexts(const std::string& folder);
-    bool installStack();
-    bool installSignals();
-    void report(int signo, const void* frame, const void* context);
-    bool endsProcess(int signo) const;
-    void runCollector() const;
-    void handOn(int signo, siginfo_t* info, void* context) const;
+    KEST_LOCAL bool openReport(const std::string& path);
+    KEST_LOCAL void keepTexts(const std::string& folder);
+    KEST_LOCAL bool installStack();
+    KEST_LOCAL bool installSignals();
+    KEST_LOCAL void report(int signo, const void* frame, const void* context);
+    KEST_LOCAL bool endsProcess(int signo) const;
+    KEST_LOCAL void runCollector() const;
+    KEST_LOCAL void handOn(int signo, siginfo_t* info, void* context) const;
 
     int stackFd_ = -1;
     Slot slots_[kSignals] = {};

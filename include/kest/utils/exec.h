@@ -153,8 +153,8 @@ class KEST_API SysExec {
   private:
     friend struct detail::ExecState;
 
-    bool settable(const char* setter) const;
-    void reapOrKill();
+    KEST_LOCAL bool settable(const char* setter) const;
+    KEST_LOCAL void reapOrKill();
 
     std::unique_ptr<detail::ExecState> state_;
 };

@@ -147,13 +147,13 @@ class KEST_API File : public FdReaderWriter {
     std::string info() const override;
 
   private:
-    bool checkOpen(int logLevel, char const* caller) const;
-    bool checkMove(long long count, char const* caller) const;
-    bool seek(long long offset, int origin) const;
-    unsigned long long stampMs(timespec const& stamp, char const* caller);
-    bool stepBack(bool read, unsigned long long width);
-    bool readAll(std::string& out, unsigned long long size);
-    bool readInSteps(std::string& out, unsigned long long size);
+    KEST_LOCAL bool checkOpen(int logLevel, char const* caller) const;
+    KEST_LOCAL bool checkMove(long long count, char const* caller) const;
+    KEST_LOCAL bool seek(long long offset, int origin) const;
+    KEST_LOCAL unsigned long long stampMs(timespec const& stamp, char const* caller);
+    KEST_LOCAL bool stepBack(bool read, unsigned long long width);
+    KEST_LOCAL bool readAll(std::string& out, unsigned long long size);
+    KEST_LOCAL bool readInSteps(std::string& out, unsigned long long size);
 
     unsigned long long cachedSize_ = 0;
     std::string path_;

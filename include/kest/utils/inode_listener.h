@@ -108,8 +108,8 @@ class KEST_API InodeListener {
     int fd() const { return fd_; }
 
   private:
-    int wait(unsigned long timeoutMs) const;
-    bool matches(const std::string& name) const;
+    KEST_LOCAL int wait(unsigned long timeoutMs) const;
+    KEST_LOCAL bool matches(const std::string& name) const;
 
     int fd_ = -1;
     WatchObject watch_;

@@ -170,12 +170,12 @@ class KEST_API IOBuffer {
 
   private:
     bool grow(unsigned int n);
-    void moveToStart();
-    bool resize(unsigned int newSize, const char* operation);
     bool growAndAppend(unsigned char const* src, unsigned int n);
-    bool appendOwn(unsigned char const* src, unsigned int n);
     void shrink();
-    bool owns(void const* from, size_t n) const;
+    KEST_LOCAL void moveToStart();
+    KEST_LOCAL bool resize(unsigned int newSize, const char* operation);
+    KEST_LOCAL bool appendOwn(unsigned char const* src, unsigned int n);
+    KEST_LOCAL bool owns(void const* from, size_t n) const;
 
     std::string name_;
     unsigned int freeSpaceLimit_ = 0x800000;

@@ -91,14 +91,14 @@ class KEST_API Logread {
     bool SeekToTail();
 
   private:
-    struct Ring;
-    class Walk;
-    class Hold;
+    struct KEST_LOCAL Ring;
+    class KEST_LOCAL Walk;
+    class KEST_LOCAL Hold;
 
-    bool attach();
-    bool ring(Ring& out) const;
-    bool seekToOldest();
-    bool deliver(Callback cb, void* ctx);
+    KEST_LOCAL bool attach();
+    KEST_LOCAL bool ring(Ring& out) const;
+    KEST_LOCAL bool seekToOldest();
+    KEST_LOCAL bool deliver(Callback cb, void* ctx);
 
     const char* segment_ = nullptr;
     size_t segmentSize_ = 0;

@@ -90,7 +90,7 @@ class KEST_API RollingList {
     bool append(IRollingListItem* item);
 
   private:
-    bool isYounger(const IRollingListItem& item, int ms) const;
+    KEST_LOCAL bool isYounger(const IRollingListItem& item, int ms) const;
 
     int maxSize_ = 0;
     int maxAge_ = 0;
@@ -150,9 +150,9 @@ class KEST_API ResourceFilenameRoller {
     int cleanCwd();
 
   private:
-    std::string filename(unsigned number) const;
-    bool isOurs(const std::string& entry) const;
-    std::string path(const std::string& name) const;
+    KEST_LOCAL std::string filename(unsigned number) const;
+    KEST_LOCAL bool isOurs(const std::string& entry) const;
+    KEST_LOCAL std::string path(const std::string& name) const;
 
     std::string folder_;
     std::string prefix_;

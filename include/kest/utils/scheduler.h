@@ -136,11 +136,12 @@ class KEST_API Scheduler {
     using TaskMap = std::map<unsigned long long, std::unique_ptr<Task>>;
 
     template <typename Task>
-    unsigned long long claimId(const TaskMap<Task>& taken);
-    int registerIoTask(unsigned long long id, std::unique_ptr<IoTask>& task, int mode);
-    unsigned long long addTimeoutTask(std::unique_ptr<TimeoutTask> task,
-                                      bool (*trampoline)(int, void*), const char* caller);
-    bool removeIoTask(unsigned long long id, std::unique_ptr<TimeoutTask> timeout);
+    KEST_LOCAL unsigned long long claimId(const TaskMap<Task>& taken);
+    KEST_LOCAL int registerIoTask(unsigned long long id, std::unique_ptr<IoTask>& task, int mode);
+    KEST_LOCAL unsigned long long addTimeoutTask(std::unique_ptr<TimeoutTask> task,
+                                                 bool (*trampoline)(int, void*),
+                                                 const char* caller);
+    KEST_LOCAL bool removeIoTask(unsigned long long id, std::unique_ptr<TimeoutTask> timeout);
 
     std::mutex lock_;  // guards the maps and the id counter
     unsigned long long nextId_ = 1;
