@@ -40,30 +40,36 @@ struct SourceName {
 #define KEST_MODULE "kest_utils"
 #endif
 
+namespace kest::utils::detail {
+
+// Out of line: fewer arguments at each of hundreds of places, and one function for all units of a
+// library that log the same kinds of values; hidden, because the next library has another tag. No
+// logger throws, so that callers need not be ready to clean up around a line. The 0 at the end is
+// no format's: without a value Clang takes the format for foreign text.
+template <typename... Values>
+[[gnu::noinline, gnu::cold, gnu::visibility("hidden"), gnu::format(printf, 5, 0)]] void logLine(
+    const char* source, const char* function, unsigned place, int errnoValue, const char* format,
+    Values... values) noexcept {
+    logInternal(KEST_MODULE, source, function, static_cast<int>(place >> 3),
+                static_cast<int>(place & 7), errnoValue, 0, format, values..., 0);
+}
+
+}  // namespace kest::utils::detail
+
 namespace {
 
 constexpr ::kest::utils::detail::SourceName kLogSource(KEST_SOURCE);
-
-// Out of line: a call with four arguments in registers instead of eight, at each of hundreds of
-// places. The 0 at the end is no format's: without a value Clang takes the format for foreign text.
-template <typename... Values>
-[[gnu::noinline, gnu::cold, gnu::format(printf, 4, 0)]] void logLine(const char* function,
-                                                                     unsigned place, int errnoValue,
-                                                                     const char* format,
-                                                                     Values... values) {
-    logInternal(KEST_MODULE, kLogSource.text, function, static_cast<int>(place >> 3),
-                static_cast<int>(place & 7), errnoValue, 0, format, values..., 0);
-}
 
 }  // namespace
 
 // For the rare line whose function name is not the one of the function it stands in. The call that
 // is never made lets the compiler check the format.
-#define KEST_LOG_AS(functionName, level, errnoValue, ...)                                         \
-    do {                                                                                          \
-        if (false) logInternal("", "", "", 0, 0, 0, 0, __VA_ARGS__);                              \
-        logLine(functionName, unsigned{__LINE__} << 3 | static_cast<unsigned>(level), errnoValue, \
-                __VA_ARGS__);                                                                     \
+#define KEST_LOG_AS(functionName, level, errnoValue, ...)                                      \
+    do {                                                                                       \
+        if (false) logInternal("", "", "", 0, 0, 0, 0, __VA_ARGS__);                           \
+        ::kest::utils::detail::logLine(kLogSource.text, functionName,                          \
+                                       unsigned{__LINE__} << 3 | static_cast<unsigned>(level), \
+                                       errnoValue, __VA_ARGS__);                               \
     } while (false)
 
 // KEST_LOG(KEST_ERROR, errno, "Unable to open %s", path)
