@@ -111,7 +111,7 @@ bool listNumbered(const std::string& folder, std::vector<std::string>& names) {
         return false;
     }
     for (int i = count - 1; i >= 0; --i) {
-        names.emplace_back(entries[i]->d_name);
+        names.push_back(entries[i]->d_name);
         free(entries[i]);
     }
     free(entries);

@@ -308,7 +308,7 @@ std::vector<std::string> collect(int count, va_list list) {
     for (int i = 0; i < count; ++i) {
         const char* const arg = va_arg(list, const char*);
         if (arg == nullptr) break;
-        args.emplace_back(arg);
+        args.push_back(arg);
     }
     return args;
 }

@@ -11,7 +11,7 @@
 #include <cerrno>
 #include <cstring>
 #include <new>
-#include <unordered_set>
+#include <set>
 #include <utility>
 
 #include <kest/utils/exec.h>
@@ -113,8 +113,8 @@ class FolderLister {
 
     std::map<std::string, bool>& out_;
     const bool recursive_;
-    std::vector<std::string> pending_;      // real paths of folders to be listed
-    std::unordered_set<std::string> seen_;  // those listed or pending, against link loops
+    std::vector<std::string> pending_;  // real paths of folders to be listed
+    std::set<std::string> seen_;        // those listed or pending, against link loops
 };
 
 // Real path of a folder, if those of its entries are it and their names. They are not where the

@@ -7,8 +7,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
-#include <iterator>
-#include <set>
+#include <utility>
 
 namespace kest::utils::detail {
 namespace {
@@ -19,8 +18,8 @@ constexpr size_t kNudgeThreshold = 512;
 
 // Addresses that an epoll instance reports events with, as the kernel lists them. Empty where /proc
 // is missing, with `known` false.
-std::set<unsigned long long> registeredAddresses(int epollFd, bool& known) {
-    std::set<unsigned long long> addresses;
+std::vector<unsigned long long> registeredAddresses(int epollFd, bool& known) {
+    std::vector<unsigned long long> addresses;
     char path[48];
     snprintf(path, sizeof(path), "/proc/self/fdinfo/%d", epollFd);
     const std::unique_ptr<FILE, int (*)(FILE*)> file(fopen(path, "re"), fclose);
@@ -29,7 +28,7 @@ std::set<unsigned long long> registeredAddresses(int epollFd, bool& known) {
     while (known && fgets(line, sizeof(line), file.get()) != nullptr) {
         unsigned long long address = 0;
         if (sscanf(line, "tfd: %*d events: %*x data: %llx", &address) == 1) {
-            addresses.insert(address);
+            addresses.push_back(address);
         }
     }
     return addresses;
@@ -77,9 +76,10 @@ void PassReclaimer::keepStrays(std::vector<Removed>& batch) {
     const auto isStray = [](const Removed& entry) { return entry.stray; };
     if (strays_.empty() && std::none_of(batch.begin(), batch.end(), isStray)) return;
 
-    batch.insert(batch.begin(), std::make_move_iterator(strays_.begin()),
-                 std::make_move_iterator(strays_.end()));
-    strays_.clear();
+    for (Removed& entry : batch)
+        strays_.push_back(std::move(entry));
+    batch.clear();
+    batch.swap(strays_);
     // With an epoll instance go all the registrations that were made in it.
     const auto lastEpoll = std::find_if(batch.rbegin(), batch.rend(),
                                         [](const Removed& entry) { return entry.epoll.valid(); });
@@ -87,7 +87,8 @@ void PassReclaimer::keepStrays(std::vector<Removed>& batch) {
     const auto addresses = registeredAddresses(epollFd_, known);
     for (auto entry = lastEpoll.base(); entry != batch.end(); ++entry) {
         const auto address = reinterpret_cast<uintptr_t>(entry->io.get());
-        if (entry->stray && (!known || addresses.count(address) != 0)) {
+        const auto found = std::find(addresses.begin(), addresses.end(), address);
+        if (entry->stray && (!known || found != addresses.end())) {
             strays_.push_back(std::move(*entry));
         }
     }

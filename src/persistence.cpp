@@ -21,8 +21,8 @@ constexpr char kReplyTimeout[] = "-t=20000";
 
 bool enqueuePersist(bool sync) {
     KEST_LOG(KEST_INFO, 0, "Enqueued persist");
-    const std::string message = std::string("-m={\"functionName\":\"SaveToFlash\"") +
-                                ",\"sync\":" + (sync ? "true" : "false") + "}";
+    const char* const message = sync ? R"(-m={"functionName":"SaveToFlash","sync":true})"
+                                     : R"(-m={"functionName":"SaveToFlash","sync":false})";
     return sysExec(nullptr, nullptr, nullptr, 0, 0, 0, kClient,
                    {"-z", kDestination, kReplyTimeout, message, sync ? "-r=1" : "-r=0"}) == 0;
 }

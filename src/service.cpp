@@ -150,7 +150,7 @@ const std::vector<std::string>& ListServices() {
     static const std::vector<std::string> names = [] {
         std::vector<std::string> list;
         for (const Service& service : kServices)
-            list.emplace_back(service.name);
+            list.push_back(service.name);
         return list;
     }();
     return names;
