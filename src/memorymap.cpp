@@ -56,6 +56,7 @@ bool MemoryMap::GetMemoryMap(int pid) {
     std::unique_ptr<MemoryMapEntry[], Free> entries(
         static_cast<MemoryMapEntry*>(calloc(lines.size(), sizeof(MemoryMapEntry))));
     if (!text || !entries) return false;
+    // NOLINTNEXTLINE(bugprone-not-null-terminated-result): calloc has
     memcpy(text.get(), content.data(), content.size());
     for (size_t i = 0; i < lines.size(); ++i) {
         const std::string& line = trim(lines[i]);

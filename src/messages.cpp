@@ -168,6 +168,7 @@ std::string ValidateAuthToken::authToken() {
     return asText(text(*this, "authToken"));
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): as its siblings, which do take it over
 void ValidateAuthToken::functionName(std::string name) {
     entry(*this, "functionName") = validateName(name).data();
 }

@@ -78,6 +78,7 @@ class KEST_API IOBuffer {
     /// @return as EnsureSize().
     bool ReadFromBuffer(unsigned char const* src, unsigned int n) {
         if (n == 0 || n > size_ - published_) return growAndAppend(src, n);
+        // Without memory there is no room. NOLINTNEXTLINE(clang-analyzer-core.NonNullParamChecker)
         memcpy(data_ + published_, src, n);
         published_ += n;
         return true;
