@@ -2,12 +2,13 @@
 
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdio>
 
 #include <kest/utils/crashdumps.h>
 
+#include "keep_errno.h"
 #include "stack_walk.h"
+#include "uninterrupted.h"
 
 namespace kest::utils {
 namespace detail {
@@ -40,16 +41,6 @@ void formatHex(char* out, uint32_t value) {
     }
 }
 
-void writeAll(int fd, const char* text, size_t length) {
-    while (length > 0) {
-        const ssize_t written = ::write(fd, text, length);
-        if (written < 0 && errno == EINTR) continue;
-        if (written <= 0) return;
-        text += written;
-        length -= static_cast<size_t>(written);
-    }
-}
-
 void writeBacktrace(int fd, const MemoryMap& map, const void* frame, const void* context) {
     writeText(fd, "--- STACK TRACE ---\n");
     StackWalk walk(map, frame, context);
@@ -75,21 +66,18 @@ void print(int fd, const void* frame) {
 // Each reads its own frame: through another one the trace would begin there.
 
 __attribute__((noinline)) void PrintBacktrace() {
-    const int savedErrno = errno;
+    const detail::KeepErrno keep;
     print(STDERR_FILENO, __builtin_frame_address(0));
-    errno = savedErrno;
 }
 
 __attribute__((noinline)) void PrintBacktrace(FILE* stream) {
-    const int savedErrno = errno;
+    const detail::KeepErrno keep;
     if (stream != nullptr) print(fileno(stream), __builtin_frame_address(0));
-    errno = savedErrno;
 }
 
 __attribute__((noinline)) void PrintBacktrace(int fd) {
-    const int savedErrno = errno;
+    const detail::KeepErrno keep;
     print(fd, __builtin_frame_address(0));
-    errno = savedErrno;
 }
 
 }  // namespace kest::utils

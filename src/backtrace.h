@@ -13,10 +13,8 @@ namespace kest::utils::detail {
 constexpr size_t kHexLength = 10;
 void formatHex(char* out, uint32_t value);
 
-// Writes everything unless the descriptor fails; that is not reported.
-void writeAll(int fd, const char* text, size_t length);
-
-// The sections "STACK TRACE" and "MEMORY MAP". For frame and context see StackWalk.
+// The sections "STACK TRACE" and "MEMORY MAP"; that they cannot be written is not reported. For
+// frame and context see StackWalk.
 void writeBacktrace(int fd, const MemoryMap& map, const void* frame, const void* context);
 
 }  // namespace kest::utils::detail

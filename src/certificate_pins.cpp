@@ -1,6 +1,7 @@
 #define KEST_SOURCE "WebsockClient"
 #include "certificate_pins.h"
 
+#include <fcntl.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
 #include <sys/stat.h>
@@ -8,29 +9,29 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <utility>
 
 #include "c_path.h"
 #include "log.h"
 #include "tls_context.h"
 #include "unique_fd.h"
+#include "unique_file.h"
 
 namespace kest::utils::websock {
 namespace {
 
-using File = std::unique_ptr<FILE, int (*)(FILE*)>;
+using detail::UniqueFile;
 
 // A regular file only: a pipe or a device could keep the daemon for ever.
-File openFile(const std::string& path) {
+UniqueFile openFile(const std::string& path) {
     detail::UniqueFd fd(::open(detail::cPath(path), O_RDONLY | detail::kSafeOpen));
     struct stat status = {};
-    if (!fd.valid() || fstat(fd.get(), &status) != 0) return File(nullptr, fclose);
+    if (!fd.valid() || fstat(fd.get(), &status) != 0) return nullptr;
     if (!S_ISREG(status.st_mode)) {
         errno = EINVAL;
-        return File(nullptr, fclose);
+        return nullptr;
     }
-    File file(fdopen(fd.get(), "r"), fclose);
-    if (file != nullptr) fd.release();
-    return file;
+    return detail::streamOf(std::move(fd));
 }
 
 struct Issuer {
@@ -46,7 +47,7 @@ struct Issuer {
 }  // namespace
 
 bool CertificatePins::add(const std::string& path) {
-    const File file = openFile(path);
+    const UniqueFile file = openFile(path);
     if (file == nullptr) {
         KEST_LOG_AS("addPinnedCert", KEST_ERROR, errno, "No local cert");
         return false;

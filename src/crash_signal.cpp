@@ -5,11 +5,12 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cerrno>
 
 #include <kest/utils/crashdumps.h>
 
 #include "backtrace.h"
+#include "keep_errno.h"
+#include "uninterrupted.h"
 
 namespace kest::utils {
 namespace {
@@ -160,10 +161,9 @@ void CrashDumpHandler::handOn(int signo, siginfo_t* info, void* context) const {
 // The trace begins with the frame of this function, which therefore has one of its own and is still
 // there when it is read.
 __attribute__((noinline)) void DumpStackWrapper(int signo, siginfo_t* info, void* context) {
-    const int savedErrno = errno;
+    const detail::KeepErrno keep;
     gCrashDumper.report(signo, __builtin_frame_address(0), context);
     gCrashDumper.handOn(signo, info, context);
-    errno = savedErrno;
 }
 
 }  // namespace kest::utils

@@ -5,10 +5,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
+#include <cstdlib>
 #include <utility>
 
 #include "exec_state.h"
+#include "uninterrupted.h"
 
 namespace kest::utils::detail {
 namespace {
@@ -50,20 +51,15 @@ bool openPipes(ExecState& state, Pipe& pidPipe) {
 }
 
 bool waitFor(pid_t pid, int& waitStatus) {
-    pid_t reaped = -1;
-    do {
-        reaped = waitpid(pid, &waitStatus, 0);
-    } while (reaped == -1 && errno == EINTR);
-    return reaped != -1;
+    return uninterrupted([&] { return waitpid(pid, &waitStatus, 0); }) != -1;
 }
 
 bool readPid(int fd, int& pid) {
     int number = 0;
     size_t have = 0;
     while (have < sizeof(number)) {
-        const ssize_t got =
-            ::read(fd, reinterpret_cast<char*>(&number) + have, sizeof(number) - have);
-        if (got == -1 && errno == EINTR) continue;
+        char* const place = reinterpret_cast<char*>(&number) + have;
+        const ssize_t got = uninterrupted([&] { return ::read(fd, place, sizeof(number) - have); });
         if (got <= 0) return false;
         have += static_cast<size_t>(got);
     }

@@ -21,6 +21,7 @@
 
 #include "c_path.h"
 #include "log.h"
+#include "uninterrupted.h"
 #include "unique_dir.h"
 #include "unique_fd.h"
 
@@ -49,11 +50,9 @@ bool makeFolder(const std::string& folder, bool sync) {
 
 // splice(2) that outlasts signals.
 ssize_t move(int from, loff_t* fromOffset, int to, loff_t* toOffset, size_t length) {
-    ssize_t moved = -1;
-    do {
-        moved = ::splice(from, fromOffset, to, toOffset, length, SPLICE_F_MOVE | SPLICE_F_MORE);
-    } while (moved == -1 && errno == EINTR);
-    return moved;
+    return detail::uninterrupted([&] {
+        return ::splice(from, fromOffset, to, toOffset, length, SPLICE_F_MOVE | SPLICE_F_MORE);
+    });
 }
 
 // Moves what one step took into the pipe on to the destination. A splice may move less than it is

@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -18,6 +17,7 @@
 #include <utility>
 
 #include "log.h"
+#include "uninterrupted.h"
 #include "unique_fd.h"
 
 namespace kest::utils {
@@ -113,8 +113,8 @@ bool randomBytes(unsigned char* buf, unsigned int len) {
     const detail::UniqueFd source(open("/dev/urandom", O_RDONLY | O_CLOEXEC));
     if (!source.valid()) return false;
     while (len > 0) {
-        const ssize_t got = read(source.get(), buf, std::min(len, kLargestRead));
-        if (got < 0 && errno == EINTR) continue;
+        const ssize_t got = detail::uninterrupted(
+            [&] { return read(source.get(), buf, std::min(len, kLargestRead)); });
         // What ends is not the generator, and would be read for ever.
         if (got <= 0) return false;
         buf += got;

@@ -4,10 +4,11 @@
 #include <sys/eventfd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <utility>
+
+#include "keep_errno.h"
 
 namespace kest::utils::detail {
 namespace {
@@ -58,17 +59,14 @@ void PassReclaimer::leave() {
 }
 
 void PassReclaimer::release() {
-    const int savedErrno = errno;
-    {
-        std::vector<Removed> batch;
-        const std::unique_lock<std::mutex> guard(lock_);
-        if (passes_.load() != 0) return;
-        batch.swap(waiting_);
-        pending_.store(false);
-        nudge_.reset();
-        keepStrays(batch);
-    }
-    errno = savedErrno;
+    const KeepErrno keep;
+    std::vector<Removed> batch;
+    const std::unique_lock<std::mutex> guard(lock_);
+    if (passes_.load() != 0) return;
+    batch.swap(waiting_);
+    pending_.store(false);
+    nudge_.reset();
+    keepStrays(batch);
 }
 
 // Leaves in `batch` what nobody names any more.

@@ -4,29 +4,21 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 
 #include <kest/utils/exec.h>
 
 #include "log.h"
 #include "process_folders.h"
 #include "unique_dir.h"
-#include "unique_fd.h"
+#include "unique_file.h"
 
 namespace kest::utils {
 namespace {
 
-struct CloseFile {
-    void operator()(FILE* file) const { fclose(file); }
-};
-
 // First word of a process's command line as pidof() matches it; false when there is none.
 bool readFirstWord(DIR* proc, const dirent& entry, char (&word)[1024]) {
-    detail::UniqueFd fd = detail::openCommandLine(proc, entry);
-    if (!fd.valid()) return false;
-    const std::unique_ptr<FILE, CloseFile> file(fdopen(fd.get(), "r"));
+    const detail::UniqueFile file = detail::streamOf(detail::openCommandLine(proc, entry));
     if (file == nullptr) return false;
-    fd.release();
     // The set excludes the two characters backslash and zero: names that end in a digit rely on
     // being found by what stands before it.
     return fscanf(file.get(), "%1023[^\\0]s", word) == 1;

@@ -13,6 +13,7 @@
 #include "log.h"
 #include "pass_reclaimer.h"
 #include "scheduler_tasks.h"
+#include "uninterrupted.h"
 #include "unique_fd.h"
 
 namespace kest::utils {
@@ -40,10 +41,8 @@ timespec milliseconds(unsigned int ms) {
 bool readExpiryCount(TimeoutTask& task) {
     if (!task.beginUse()) return false;
     uint64_t expiries = 0;
-    ssize_t got = -1;
-    do {
-        got = ::read(task.fd, &expiries, sizeof(expiries));
-    } while (got == -1 && errno == EINTR);
+    const auto got =
+        detail::uninterrupted([&] { return ::read(task.fd, &expiries, sizeof(expiries)); });
     task.endUse();
     return got != -1;
 }
@@ -62,11 +61,7 @@ bool takePendingSignal(int signo) {
     sigemptyset(&mask);
     sigaddset(&mask, signo);
     const timespec noWait = {};
-    int taken = -1;
-    do {
-        taken = sigtimedwait(&mask, nullptr, &noWait);
-    } while (taken == -1 && errno == EINTR);
-    return taken != -1;
+    return detail::uninterrupted([&] { return sigtimedwait(&mask, nullptr, &noWait); }) != -1;
 }
 
 bool onSignal(int /*events*/, void* arg) {

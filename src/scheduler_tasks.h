@@ -1,11 +1,11 @@
 // The scheduler's tasks. The epoll registration of a task carries the address of its IoTask.
 #pragma once
 
-#include <unistd.h>
-
 #include <atomic>
-#include <cerrno>
 #include <functional>
+#include <utility>
+
+#include "unique_fd.h"
 
 namespace kest::utils {
 
@@ -65,11 +65,7 @@ struct TimeoutTask {
     static constexpr unsigned kClosed = 1;
     static constexpr unsigned kOneUser = 2;
 
-    void closeDescriptor() const {
-        const int savedErrno = errno;
-        ::close(fd);
-        errno = savedErrno;
-    }
+    void closeDescriptor() const { detail::UniqueFd(fd).reset(); }
 
     std::atomic<unsigned> use_{0};
 };

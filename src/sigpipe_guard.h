@@ -4,11 +4,14 @@
 
 #include <pthread.h>
 #include <signal.h>
+#include <sys/types.h>
 #include <time.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstddef>
+
+#include "keep_errno.h"
+#include "uninterrupted.h"
 
 namespace kest::utils::detail {
 
@@ -23,10 +26,9 @@ class SigpipeGuard {
     }
 
     ~SigpipeGuard() {
-        const int savedErrno = errno;
+        const KeepErrno keep;
         if (mayBeRaised_ && !wasPending_) takePending();
         pthread_sigmask(SIG_SETMASK, &oldMask_, nullptr);
-        errno = savedErrno;
     }
 
     SigpipeGuard(const SigpipeGuard&) = delete;
@@ -43,8 +45,7 @@ class SigpipeGuard {
     // The kernel directs the signal at the writing thread, so it is pending here or nowhere.
     void takePending() const {
         const timespec noWait = {};
-        while (sigtimedwait(&sigpipe_, nullptr, &noWait) == -1 && errno == EINTR) {
-        }
+        uninterrupted([&] { return sigtimedwait(&sigpipe_, nullptr, &noWait); });
     }
 
     sigset_t sigpipe_;

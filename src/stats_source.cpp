@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "c_path.h"
+#include "digit.h"
 #define KEST_SOURCE "stats"
 #include "log.h"
 
@@ -173,8 +174,7 @@ bool takeDecimal(std::string_view& text, double& value) {
     if (!takeNumber(text, whole)) return false;
     value = static_cast<double>(whole);
     if (!takePrefix(text, ".")) return true;
-    for (double unit = 0.1; !text.empty() && text.front() >= '0' && text.front() <= '9';
-         unit /= 10) {
+    for (double unit = 0.1; !text.empty() && isDigit(text.front()); unit /= 10) {
         value += unit * (text.front() - '0');
         text.remove_prefix(1);
     }

@@ -10,6 +10,8 @@
 #include <kest/utils/string_utils.h>
 
 #include "c_path.h"
+#include "digit.h"
+#include "uninterrupted.h"
 #include "unique_dir.h"
 
 namespace kest::utils::detail {
@@ -37,10 +39,6 @@ Answer byErrno() {
 // device9 before device10.
 bool comesBefore(const std::string& a, const std::string& b) {
     return a.size() != b.size() ? a.size() < b.size() : a < b;
-}
-
-bool isDigit(char c) {
-    return c >= '0' && c <= '9';
 }
 
 }  // namespace
@@ -73,10 +71,7 @@ Answer readAttribute(const std::string& path, std::string& value) {
 
 Answer readAttribute(int fd, std::string& value) {
     char text[kLongestValue];
-    ssize_t got = -1;
-    do {
-        got = pread(fd, text, sizeof(text), 0);
-    } while (got < 0 && errno == EINTR);
+    const ssize_t got = uninterrupted([&] { return pread(fd, text, sizeof(text), 0); });
     if (got < 0) return byErrno();
     value.assign(text, static_cast<size_t>(got));
     trim(value);

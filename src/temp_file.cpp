@@ -4,10 +4,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <utility>
+
+#include "keep_errno.h"
+#include "uninterrupted.h"
 
 namespace kest::utils::detail {
 
@@ -17,18 +19,12 @@ TempFile::TempFile(std::string nameTemplate)
 }
 
 TempFile::~TempFile() {
-    const int savedErrno = errno;
+    const KeepErrno keep;
     if (valid()) unlink(name_.c_str());
-    errno = savedErrno;
 }
 
 bool TempFile::fill(const std::string& text, mode_t mode) {
-    for (size_t done = 0; done < text.size();) {
-        const ssize_t written = write(fd(), text.data() + done, text.size() - done);
-        if (written < 0 && errno != EINTR) return false;
-        if (written > 0) done += static_cast<size_t>(written);
-    }
-    return fchmod(fd(), mode) == 0 && fsync(fd()) == 0;
+    return writeAll(fd(), text.data(), text.size()) && fchmod(fd(), mode) == 0 && fsync(fd()) == 0;
 }
 
 bool TempFile::becomeLinkTo(const std::string& target) {

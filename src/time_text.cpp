@@ -12,8 +12,12 @@
 #include <kest/utils/string_utils.h>
 #include <kest/utils/timer.h>
 
+#include "digit.h"
+
 namespace kest::utils {
 namespace {
+
+using detail::isDigit;
 
 // "2020-01-01T12:00:00" + ".250" + "+02:00"
 constexpr char kSecondsFormat[] = "%Y-%m-%dT%H:%M:%S";
@@ -22,11 +26,6 @@ constexpr unsigned kStampLength = 29;
 
 constexpr int kTrustClockSeconds = 24 * 3600;
 constexpr int64_t kDayMs = 86400000;
-
-// Digits are compared by value: isdigit asks the locale.
-bool isDigit(char c, char most = '9') {
-    return c >= '0' && c <= most;
-}
 
 bool hasStampForm(const char* text) {
     return text[19] == '.' && isDigit(text[20]) && isDigit(text[21]) && isDigit(text[22]) &&

@@ -4,8 +4,9 @@
 
 #include <unistd.h>
 
-#include <cerrno>
 #include <utility>
+
+#include "keep_errno.h"
 
 namespace kest::utils::detail {
 
@@ -29,9 +30,8 @@ class UniqueFd {
     void reset(int fd = -1) {
         const int old = std::exchange(fd_, fd);
         if (old < 0) return;
-        const int savedErrno = errno;
+        const KeepErrno keep;
         ::close(old);
-        errno = savedErrno;
     }
 
   private:

@@ -12,6 +12,7 @@
 #include <cstdlib>
 
 #include "log.h"
+#include "uninterrupted.h"
 #include "unique_fd.h"
 
 namespace kest::ipc::detail {
@@ -99,17 +100,17 @@ bool Socket::send(std::initializer_list<std::string_view> parts) const {
     size_t left = parts.size();
     for (const std::string_view part : parts) {
         const int more = --left > 0 ? ZMQ_SNDMORE : 0;
-        while (zmq_send(socket_, part.data(), part.size(), ZMQ_DONTWAIT | more) == -1) {
-            if (errno != EINTR) return false;
-        }
+        const auto sendPart = [&] {
+            return zmq_send(socket_, part.data(), part.size(), ZMQ_DONTWAIT | more);
+        };
+        if (utils::detail::uninterrupted(sendPart) == -1) return false;
     }
     return true;
 }
 
 Context::~Context() {
     if (!running()) return;
-    while (zmq_ctx_term(context_) == -1 && errno == EINTR) {
-    }
+    utils::detail::uninterrupted([this] { return zmq_ctx_term(context_); });
 }
 
 int Context::start() {

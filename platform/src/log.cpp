@@ -3,11 +3,13 @@
 #include <syslog.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+
+#include "keep_errno.h"
+#include "uninterrupted.h"
 
 namespace {
 
@@ -68,15 +70,7 @@ struct Line {
 void writeToStandardError(Line& line) {
     if (line.length == sizeof(line.text) - 1) --line.length;
     line.text[line.length++] = '\n';
-    const char* at = line.text;
-    size_t left = line.length;
-    while (left > 0) {
-        const ssize_t written = ::write(STDERR_FILENO, at, left);
-        if (written < 0 && errno == EINTR) continue;
-        if (written <= 0) return;
-        at += written;
-        left -= static_cast<size_t>(written);
-    }
+    kest::utils::detail::writeAll(STDERR_FILENO, line.text, line.length);
 }
 
 }  // namespace
@@ -87,7 +81,7 @@ extern "C" void logInternal(const char* module, const char* sourceFile, const ch
     static const Settings settings = readSettings();
     if (level > settings.threshold) return;
 
-    const int savedErrno = errno;
+    const kest::utils::detail::KeepErrno keep;
     Line line;
     if (!settings.toSyslog) line.append("%s: ", levelName(level));
     line.append("%s %s:%d %s(): ", module, sourceFile, lineNumber, function);
@@ -103,7 +97,6 @@ extern "C" void logInternal(const char* module, const char* sourceFile, const ch
     } else {
         writeToStandardError(line);
     }
-    errno = savedErrno;
 }
 
 extern "C" void forceCrash() {

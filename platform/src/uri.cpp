@@ -3,9 +3,17 @@
 #include <arpa/inet.h>
 
 #include <charconv>
+#include <cstdint>
+#include <string>
+#include <system_error>
+#include <utility>
+
+#include "digit.h"
 
 namespace kest::variant {
 namespace {
+
+using utils::detail::isDigit;
 
 constexpr size_t kMaxLength = 8192;
 constexpr char kSubDelimiters[] = "!$&'()*+,;=";
@@ -15,11 +23,6 @@ struct DefaultPort {
     uint16_t port;
 };
 constexpr DefaultPort kDefaultPorts[] = {{"ws", 80}, {"http", 80}, {"wss", 443}, {"https", 443}};
-
-// The language's own character classes depend on the locale.
-bool isDigit(char c) {
-    return c >= '0' && c <= '9';
-}
 
 bool isLetter(char c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
