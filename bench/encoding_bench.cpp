@@ -6,6 +6,7 @@
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
 
+#include <cstdint>
 #include <cstring>
 #include <iomanip>
 #include <random>

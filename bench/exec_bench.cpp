@@ -12,8 +12,8 @@
 #include <uv.h>
 
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <string>
 #include <vector>
 

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <asio/buffer.hpp>
 #include <asio/streambuf.hpp>
+#include <cstdint>
 #include <cstring>
 #include <random>
 #include <string>

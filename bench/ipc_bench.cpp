@@ -11,6 +11,7 @@
 #include <zmq.h>
 
 #include <csignal>
+#include <cstdint>
 #include <cstdlib>
 #include <filesystem>
 #include <string>

@@ -13,7 +13,6 @@
 #include <cstring>
 #include <memory>
 #include <random>
-#include <string>
 #include <vector>
 
 #include <kest/utils/color.h>

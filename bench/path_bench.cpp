@@ -6,11 +6,13 @@
 #include <spawn.h>
 #include <sys/wait.h>
 
+#include <cstdint>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <map>
 #include <string>
+#include <utility>
 
 #include <kest/utils/fileutils.h>
 

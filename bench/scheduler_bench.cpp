@@ -1,12 +1,13 @@
 // The event loop beside libevent, libuv, libev and a bare epoll_wait loop, on the same descriptors.
 // docs/benchmarks.md says what the figures mean.
 #include <benchmark/benchmark.h>
-#include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <string>
+#include <vector>
 
 #include "scheduler_contestants.h"
 

@@ -20,7 +20,6 @@ constexpr int kLibevWrite = EV_WRITE;
 
 #include <event2/event.h>
 #include <event2/event_struct.h>
-#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/timerfd.h>
 #include <unistd.h>

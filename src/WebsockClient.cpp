@@ -1,5 +1,6 @@
 #include <kest/utils/WebsockClient.h>
 
+#include <cstdint>
 #include <utility>
 
 #include <kest/utils/scheduler.h>

@@ -4,8 +4,6 @@
 #include <pwd.h>
 #include <regex.h>
 
-#include <memory>
-
 #include <kest/ipc/BlockingIpcHandler.h>
 #include <kest/ipc/messages.h>
 #include <kest/utils/exec.h>

@@ -1,10 +1,12 @@
 // What runs when the process crashes. The heap may be corrupt, its locks held, the stack smashed:
 // only system calls, nothing allocated, nothing formatted by the C library.
+#include <signal.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdint>
 
 #include <kest/utils/crashdumps.h>
 

@@ -3,6 +3,7 @@
 
 #include <signal.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <memory>

@@ -1,6 +1,7 @@
 #include <kest/utils/inode_listener.h>
 
 #include <sys/select.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>

@@ -6,7 +6,9 @@
 
 #include <algorithm>
 #include <cstring>
+#include <string>
 #include <string_view>
+#include <utility>
 
 #include <kest/utils/fileutils.h>
 

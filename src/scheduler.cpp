@@ -4,6 +4,8 @@
 #include <sys/epoll.h>
 #include <sys/signalfd.h>
 #include <sys/timerfd.h>
+#include <time.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdint>

@@ -1,5 +1,8 @@
+#include <cstddef>
+#include <cstdint>
 #include <iterator>
 #include <string_view>
+#include <vector>
 
 #include <kest/utils/stats.h>
 

@@ -1,6 +1,8 @@
 #include <sys/utsname.h>
 
 #include <algorithm>
+#include <iterator>
+#include <string>
 #include <string_view>
 #include <utility>
 

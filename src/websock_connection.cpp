@@ -3,6 +3,7 @@
 #include <libwebsockets.h>
 
 #include <climits>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 

@@ -1,6 +1,8 @@
 // The example daemon: everything it does hangs on one Scheduler.
 #pragma once
 
+#include <netinet/in.h>
+
 #include <functional>
 #include <string>
 #include <vector>

@@ -2,6 +2,7 @@
 // when it starts.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <string>
 

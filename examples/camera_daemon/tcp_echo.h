@@ -5,7 +5,6 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <string>
 
 #include <kest/utils/iobuffer.h>
 #include <kest/utils/scheduler.h>

@@ -2,9 +2,7 @@
 
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
-#include <unistd.h>
 
-#include <cstdint>
 #include <system_error>
 #include <utility>
 

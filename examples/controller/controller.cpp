@@ -5,6 +5,7 @@
 
 #include <array>
 #include <cstdio>
+#include <utility>
 #include <vector>
 
 #include <kest/utils/string_utils.h>

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstring>
 #include <deque>
+#include <string_view>
 #include <unordered_map>
 #include <utility>
 #include <vector>

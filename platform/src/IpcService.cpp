@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <memory>
+#include <string_view>
 #include <utility>
 
 #include "ipc_transport.h"

@@ -4,7 +4,6 @@
 #include <sqlite3.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <mutex>
