@@ -56,11 +56,7 @@ template <typename... Values>
 
 }  // namespace kest::utils::detail
 
-namespace {
-
-constexpr ::kest::utils::detail::SourceName kLogSource(KEST_SOURCE);
-
-}  // namespace
+static constexpr ::kest::utils::detail::SourceName kLogSource(KEST_SOURCE);
 
 // For the rare line whose function name is not the one of the function it stands in. The call that
 // is never made lets the compiler check the format.

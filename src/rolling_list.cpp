@@ -80,8 +80,10 @@ void RollingList::deleteFront() {
 }
 
 void RollingList::clear() {
-    while (count_ > 0)
+    while (count_ > 0) {
+        // The destructor means our own. NOLINTNEXTLINE(clang-analyzer-optin.cplusplus.VirtualCall)
         deleteFront();
+    }
 }
 
 bool RollingList::append(IRollingListItem* item) {

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cmath>
 #include <cstdint>
 #include <cstring>
 #include <iterator>
@@ -78,7 +79,7 @@ bool readUptime(SystemStats& stats) {
     std::string_view line;
     double seconds = 0;
     const bool complete = lines.next(line) && takeDecimal(line, seconds) && seconds < 1e12;
-    if (complete) stats.uptimeMs = static_cast<uint64_t>(seconds * 1000 + 0.5);
+    if (complete) stats.uptimeMs = static_cast<uint64_t>(std::llround(seconds * 1000));
     return lines.finish(complete, "GetSystemStats");
 }
 

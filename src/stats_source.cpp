@@ -76,8 +76,8 @@ class KeptFile {
 
     const char* path_;
     UniqueFd fd_;
-    struct stat identity_ = {};
     std::atomic_flag busy_ = ATOMIC_FLAG_INIT;
+    struct stat identity_ = {};
 };
 
 namespace {

@@ -29,6 +29,6 @@ bool isTimeSyncedLately(int seconds) {
         KEST_LOG(KEST_ERROR, 0, "Timesync timestamp file contents invalid: '%s'", text.c_str());
         return false;
     }
-    const auto windowMs = static_cast<unsigned long long>(int64_t{seconds} * 1000);
+    const auto windowMs = static_cast<unsigned long long>(seconds) * 1000;
     return syncedMs + windowMs >= static_cast<unsigned long long>(nowMs());
 }
