@@ -11,24 +11,12 @@
 
 #include "c_path.h"
 #include "log.h"
+#include "raised.h"
 
 namespace kest::utils {
 namespace {
 
 constexpr size_t kBufferSize = 16384;
-
-// Sets a flag for as long as it lives, also when a callback throws.
-class Raised {
-  public:
-    explicit Raised(bool& flag) : flag_(flag), before_(std::exchange(flag, true)) {}
-    Raised(const Raised&) = delete;
-    Raised& operator=(const Raised&) = delete;
-    ~Raised() { flag_ = before_; }
-
-  private:
-    bool& flag_;
-    const bool before_;
-};
 
 bool compile(const std::string& regex, InodeListener::WatchObject& watch) {
     // What matches everywhere: "*" alone is no valid pattern to some C libraries, a plain character
@@ -166,7 +154,7 @@ bool InodeListener::matches(const std::string& name) const {
 }
 
 bool InodeListener::notifyMatchedEvents(const std::vector<inotify_event*>& events) {
-    const Raised notifying(notifying_);
+    const detail::Raised notifying(notifying_);
     const unsigned batch = batch_;
     std::string name;
     for (const inotify_event* event : events) {

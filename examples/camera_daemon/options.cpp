@@ -2,9 +2,9 @@
 
 #include <getopt.h>
 
-#include <cerrno>
 #include <cstdio>
-#include <cstdlib>
+
+#include "../parse_number.h"
 
 namespace {
 
@@ -41,15 +41,6 @@ constexpr char kUsage[] =
     "or\n"
     "                  in a numbered one below /tmp/crashdumps\n"
     "  --help          this text\n";
-
-bool parseNumber(const char* text, unsigned long most, unsigned& value) {
-    char* end = nullptr;
-    errno = 0;
-    const unsigned long parsed = std::strtoul(text, &end, 10);
-    if (errno != 0 || end == text || *end != '\0' || parsed > most) return false;
-    value = static_cast<unsigned>(parsed);
-    return true;
-}
 
 bool parsePort(const char* text, unsigned short& port) {
     unsigned value = 0;

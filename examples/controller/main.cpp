@@ -1,8 +1,8 @@
 #include <getopt.h>
 
 #include <cstdio>
-#include <cstdlib>
 
+#include "../parse_number.h"
 #include "certificate.h"
 #include "controller.h"
 
@@ -23,9 +23,8 @@ constexpr char kUsage[] =
     "  --help         this text\n";
 
 bool parsePort(const char* text, int& port) {
-    char* end = nullptr;
-    const long value = std::strtol(text, &end, 10);
-    if (end == text || *end != '\0' || value < 0 || value > 65535) return false;
+    unsigned value = 0;
+    if (!parseNumber(text, 65535, value)) return false;
     port = static_cast<int>(value);
     return true;
 }

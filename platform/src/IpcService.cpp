@@ -16,6 +16,7 @@
 
 #include "ipc_transport.h"
 #include "log.h"
+#include "raised.h"
 #include "unique_fd.h"
 
 namespace kest::ipc {
@@ -184,11 +185,7 @@ int IpcService::Impl::handle(Variant& request, Variant& response) {
     // A handler may put another one in its place.
     const std::shared_ptr<Handler> handler = handler_;
     if (handler == nullptr || !*handler) return ENOSYS;
-    serving_ = true;
-    struct Done {
-        bool& serving;
-        ~Done() { serving = false; }
-    } done{serving_};
+    const utils::detail::Raised serving(serving_);
     return (*handler)(request, response);
 }
 
