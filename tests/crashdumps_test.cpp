@@ -4,7 +4,6 @@
 #include <pthread.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cctype>
@@ -18,6 +17,7 @@
 #include <kest/utils/fileutils.h>
 #include <kest/utils/string_utils.h>
 
+#include "support/child.h"
 #include "support/clean_test.h"
 #include "support/isolated.h"
 #include "support/limited.h"
@@ -48,17 +48,13 @@ Isolated isolated(const std::string& collector = "echo \"$@\" >>/tmp/crashdumps/
 // Wait status of a child that installs the handler over the given actions and then runs `crash`.
 int statusOf(const std::function<void()>& crash, sighandler_t previous = SIG_DFL) {
     mkdirP(kFolder, false);
-    const pid_t child = fork();
-    if (child == 0) {
+    Child child([&] {
         for (int signo : {SIGSEGV, SIGABRT, SIGFPE, SIGILL, SIGBUS})
             signal(signo, previous);  // sanitizers have actions of their own
         pthread_atfork([] { _exit(55); }, nullptr, nullptr);
         if (InstallCrashDumpHandler(kFolder)) crash();
-        _exit(0);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    return status;
+    });
+    return child.end();
 }
 
 __attribute__((noinline)) void writeToNull(volatile int* nowhere = nullptr) {
