@@ -6,8 +6,6 @@
 
 #include <kest/utils/stats.h>
 
-#define KEST_SOURCE "stats"
-#include "log.h"
 #include "stats_source.h"
 
 namespace kest::utils {
