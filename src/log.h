@@ -7,18 +7,29 @@
 
 namespace kest::utils::detail {
 
+constexpr const char* fileName(const char* path) {
+    const char* name = path;
+    for (; *path != '\0'; ++path) {
+        if (*path == '/') name = path + 1;
+    }
+    return name;
+}
+
+constexpr unsigned stemLength(const char* path) {
+    unsigned length = 0;
+    for (const char* p = fileName(path); p[length] != '\0' && p[length] != '.';)
+        ++length;
+    return length;
+}
+
 // "src/scheduler.cpp" -> "scheduler", at compile time, into a buffer that outlives every call.
+template <unsigned length>
 struct SourceName {
-    char text[32] = {};
+    char text[length + 1] = {};
 
     constexpr explicit SourceName(const char* path) {
-        const char* base = path;
-        for (const char* p = path; *p != '\0'; ++p) {
-            if (*p == '/') base = p + 1;
-        }
-        for (unsigned i = 0; i + 1 < sizeof(text) && base[i] != '\0' && base[i] != '.'; ++i) {
-            text[i] = base[i];
-        }
+        for (unsigned i = 0; i < length; ++i)
+            text[i] = fileName(path)[i];
     }
 };
 
@@ -56,7 +67,8 @@ template <typename... Values>
 
 }  // namespace kest::utils::detail
 
-static constexpr ::kest::utils::detail::SourceName kLogSource(KEST_SOURCE);
+static constexpr ::kest::utils::detail::SourceName<::kest::utils::detail::stemLength(KEST_SOURCE)>
+    kLogSource(KEST_SOURCE);
 
 // For the rare line whose function name is not the one of the function it stands in. The call that
 // is never made lets the compiler check the format.
