@@ -34,7 +34,10 @@ ControllerLink::~ControllerLink() {
 
 bool ControllerLink::start(const Settings& settings) {
     settings_ = settings;
-    if (!kest::variant::URI::FromString(settings.uri, uri_)) return false;
+    if (!kest::variant::URI::FromString(settings.uri, uri_)) {
+        fprintf(stderr, "camera_daemon: %s is no address of a controller\n", settings.uri.c_str());
+        return false;
+    }
     client_.setUseSsl(kest::utils::startsWith(settings.uri, "wss:"));
     if (!settings.pinnedCert.empty() && !client_.addPinnedCert(settings.pinnedCert)) return false;
     delayMs_ = settings.retryMs;

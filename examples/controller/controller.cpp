@@ -1,9 +1,11 @@
 #include "controller.h"
 
+#include <fcntl.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <utility>
 #include <vector>
@@ -78,7 +80,8 @@ bool Controller::start() {
         return false;
     }
     lws_sock_file_fd_type input;
-    input.filefd = STDIN_FILENO;
+    // A copy: libwebsockets closes what it was given.
+    input.filefd = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
     if (lws_adopt_descriptor_vhost(vhost, LWS_ADOPT_RAW_FILE_DESC, input, kProtocols[0].name,
                                    nullptr) == nullptr) {
         fprintf(stderr, "controller: no commands from standard input\n");
@@ -112,8 +115,8 @@ int Controller::handle(lws* wsi, lws_callback_reasons reason, const char* data, 
             onClosed(wsi);
             return 0;
         case LWS_CALLBACK_RAW_RX_FILE:
-            readCommands(lws_get_socket_fd(wsi));
-            return 0;
+            // At its end it would be readable for ever: let go of it.
+            return readCommands(lws_get_socket_fd(wsi)) ? 0 : -1;
         default:
             return 0;
     }
@@ -174,10 +177,11 @@ int Controller::onWriteable(lws* wsi) {
     return 0;
 }
 
-void Controller::readCommands(int fd) {
+bool Controller::readCommands(int fd) {
     std::array<char, 4096> chunk = {};
     const ssize_t got = read(fd, chunk.data(), chunk.size());
-    if (got > 0) commands_.append(chunk.data(), static_cast<size_t>(got));
+    if (got <= 0) return got < 0 && (errno == EINTR || errno == EAGAIN);
+    commands_.append(chunk.data(), static_cast<size_t>(got));
     for (size_t end = 0; (end = commands_.find('\n')) != std::string::npos;) {
         const std::string line = commands_.substr(0, end);
         commands_.erase(0, end + 1);
@@ -185,6 +189,7 @@ void Controller::readCommands(int fd) {
             send(camera.first, line);
     }
     if (commands_.size() > kLongestMessage) commands_.clear();
+    return true;
 }
 
 void Controller::printSummary() const {

@@ -36,7 +36,7 @@ class Controller {
     static int callback(lws* wsi, lws_callback_reasons reason, void* user, void* in, size_t len);
     int handle(lws* wsi, lws_callback_reasons reason, const char* data, size_t length);
     bool start();
-    void readCommands(int fd);
+    bool readCommands(int fd);
     void onConnected(lws* wsi);
     void onClosed(lws* wsi);
     int onReceive(lws* wsi, const char* data, size_t length);

@@ -16,6 +16,22 @@ bool end(void* running) {
     return true;
 }
 
+// Until `running` is taken back; false when it breaks off before.
+bool answer(kest::utils::Scheduler& scheduler, const char* endpoint,
+            kest::ipc::IpcService::Handler handler, const bool& running) {
+    kest::ipc::IpcService service(endpoint);
+    service.onRequest(std::move(handler));
+    if (service.init() != 0) return false;
+    const auto task = scheduler.AddIOTask(
+        service.fd(), EPOLLIN, [&service](int, int, void*) { return service.service(); }, nullptr);
+    if (task == 0) return false;
+    printf("answering: %s\n", endpoint);
+    while (running && (scheduler.Service() || errno == EINTR))
+        continue;
+    scheduler.RemoveIOTask(task);
+    return !running;
+}
+
 }  // namespace
 
 int answerUntilEnded(const char* endpoint, kest::ipc::IpcService::Handler handler) {
@@ -28,18 +44,9 @@ int answerUntilEnded(const char* endpoint, kest::ipc::IpcService::Handler handle
     const auto onInterrupt = scheduler.AddSignalHandler(SIGINT, end, &running);
     const auto onTerminate = scheduler.AddSignalHandler(SIGTERM, end, &running);
 
-    kest::ipc::IpcService service(endpoint);
-    service.onRequest(std::move(handler));
-    if (onInterrupt == 0 || onTerminate == 0 || service.init() != 0) return 1;
-    const auto task = scheduler.AddIOTask(
-        service.fd(), EPOLLIN, [&service](int, int, void*) { return service.service(); }, nullptr);
-    if (task == 0) return 1;
-    printf("answering: %s\n", endpoint);
-    while (running && (scheduler.Service() || errno == EINTR))
-        continue;
-
-    scheduler.RemoveIOTask(task);
+    const bool finished = onInterrupt != 0 && onTerminate != 0 &&
+                          answer(scheduler, endpoint, std::move(handler), running);
     scheduler.RemoveSignalHandler(onInterrupt);
     scheduler.RemoveSignalHandler(onTerminate);
-    return running ? 1 : 0;
+    return finished ? 0 : 1;
 }

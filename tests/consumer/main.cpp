@@ -1,7 +1,5 @@
 // A daemon of one tick: shows that headers, library and platform of an installation fit together.
-#include <csignal>
 #include <cstdio>
-#include <string>
 
 #include <kest/utils/file.h>
 #include <kest/utils/scheduler.h>
